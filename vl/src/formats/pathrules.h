@@ -1,0 +1,22 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace vl
+{
+
+/// Why `path` may not be a file's path inside a version, or an empty text when it may: relative,
+/// "/" between non-empty components, valid UTF-8, no "." or "..", no drive, colon, backslash or
+/// control character, no other character that Windows refuses (<>"|?*), no trailing dot or space,
+/// no reserved device name (CON, NUL, COM1 ... with any extension).
+std::string pathFault(std::string_view path);
+
+/// Why `key` may not be a version key, or an empty text. A key is one path component.
+std::string versionKeyFault(std::string_view key);
+
+/// The path after Unicode normalisation (NFC) and case folding: two paths that are one file on
+/// some file system have the same folded form. `path` must be valid UTF-8.
+std::string foldPath(std::string_view path);
+
+} // namespace vl

@@ -1,0 +1,54 @@
+#pragma once
+
+#include "vl/src/operation/log.h"
+#include "vl/src/operation/progressmeter.h"
+#include "vlupd/vlupd.h"
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+
+namespace vl
+{
+
+/// What a long piece of work shares with the operation that runs it: its stage and progress, its
+/// log and the wish to end it. Work reports from any thread; only the calling thread's pump()
+/// and stage functions reach the caller's callbacks.
+class Operation final
+{
+public:
+    using Progress = std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)>;
+    using Stage = std::function<void(vlupd::UPD_INSTALLATION_STAGE)>;
+
+    Operation(Log& log, Progress progress, Stage stage);
+
+    Log& log() { return m_log; }
+
+    /// Announces a stage and reports once: `done` of `total` bytes. Calling thread.
+    void beginStage(vlupd::UPD_INSTALLATION_STAGE stage, std::uint64_t done, std::uint64_t total);
+    /// A new total (a plan changed). What is done never falls and never exceeds the total.
+    void restateTotal(std::uint64_t done, std::uint64_t total);
+    /// Reports once more, with everything done. Calling thread.
+    void endStage();
+
+    /// Counts bytes of the stage. Any thread.
+    void addDone(std::uint64_t bytes);
+    /// Delivers log lines and, when one is due, a progress report. Call it at least every 50 ms
+    /// from the calling thread. False once the operation is to end.
+    bool pump();
+
+    /// Any thread. True once the caller's callback returned false or threw, or cancel() was called.
+    bool cancelled() const { return m_cancelled; }
+    void cancel() { m_cancelled = true; }
+
+private:
+    void report();
+
+    Log& m_log;
+    Progress m_progress;
+    Stage m_stage;
+    ProgressMeter m_meter;
+    std::atomic<bool> m_cancelled{false};
+};
+
+} // namespace vl
