@@ -7,9 +7,9 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <string>
 
-namespace vl
-{
+namespace vl {
 
 /// What a long piece of work shares with the operation that runs it: its stage and progress, its
 /// log and the wish to end it. Work reports from any thread; only the calling thread's pump()
@@ -20,9 +20,12 @@ public:
     using Progress = std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)>;
     using Stage = std::function<void(vlupd::UPD_INSTALLATION_STAGE)>;
 
-    Operation(Log& log, Progress progress, Stage stage);
+    /// `name`: what log lines begin with, e.g. "installVersion 1.2.0". Callbacks may be empty.
+    explicit Operation(Log& log, Progress progress = {}, Stage stage = {}, std::string name = {});
 
     Log& log() { return m_log; }
+    /// Logs "name: text". Any thread.
+    void say(const std::string& text);
 
     /// Announces a stage and reports once: `done` of `total` bytes. Calling thread.
     void beginStage(vlupd::UPD_INSTALLATION_STAGE stage, std::uint64_t done, std::uint64_t total);
@@ -47,7 +50,9 @@ private:
     Log& m_log;
     Progress m_progress;
     Stage m_stage;
+    std::string m_name;
     ProgressMeter m_meter;
+    bool m_begun = false; ///< nothing is reported before the first stage
     std::atomic<bool> m_cancelled{false};
 };
 
