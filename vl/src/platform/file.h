@@ -10,15 +10,15 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 // All changes of the disk go through these functions: one place for long paths, for what must be
 // flushed, and for the seam that makes file operations fail in tests. A failure's code is
-// SYSTEM_CALL_ERROR (CREATE_DIR_ERROR for folders) and its message names operation, path and the
-// system's reason.
-namespace vl
-{
+// SYSTEM_CALL_ERROR (CREATE_DIR_ERROR for folders, NOT_FOUND for a missing file that is to be
+// read) and its message names operation, path and the system's reason.
+namespace vl {
 
-/// An open file. Closing never reports; call sync() where it matters.
+/// An open regular file. Closing never reports; call sync() where it matters.
 class File final
 {
 public:
@@ -41,6 +41,10 @@ public:
     /// Writes all of `bytes` at `offset`.
     Expected<void> writeAt(std::uint64_t offset, std::span<const std::byte> bytes);
     Expected<void> truncate(std::uint64_t size);
+    /// Asks the system to begin writing a range to the disk; a hint that never fails or waits long.
+    void startWriteback(std::uint64_t offset, std::uint64_t size);
+    /// The file's bytes are on the disk when it returns; its name and mode may not be.
+    Expected<void> flushData();
     /// On the disk when it returns.
     Expected<void> sync();
     /// Sets the permission bits (0644, 0755); only the write bit means something on Windows.
@@ -53,29 +57,66 @@ private:
     std::filesystem::path m_path;
 };
 
+enum class FileKind { File, Directory, Other };
+
+struct FileInfo
+{
+    FileKind kind = FileKind::Other;
+    std::uint64_t size = 0; ///< of a file, in bytes
+};
+
+/// What lies at `path`, links not followed; nothing when there is nothing.
+Expected<std::optional<FileInfo>> fileInfo(const std::filesystem::path& path);
+
+struct TreeEntry
+{
+    std::string path; ///< relative to the listed folder, "/" separators, UTF-8
+    FileInfo info;
+};
+
+/// Everything below `path`, links not followed, a folder before what lies in it.
+Expected<std::vector<TreeEntry>> listTree(const std::filesystem::path& path);
+
 /// The whole file, refused above `maxSize` bytes. NOT_FOUND when it does not exist.
 Expected<std::string> readWholeFile(const std::filesystem::path& path, std::uint64_t maxSize);
 /// Replaces `path` by `text` in one step: a crash leaves the old text or the new one.
 Expected<void> writeWholeFile(const std::filesystem::path& path, std::string_view text);
+/// Whether `name` is that of a file which an interrupted writeWholeFile() left behind.
+bool isTemporaryName(std::string_view name);
 
 Expected<void> makeDirectories(const std::filesystem::path& path);
 /// Renames over an existing file; one step.
 Expected<void> renameReplacing(const std::filesystem::path& from, const std::filesystem::path& to);
 /// Makes the entries of a directory durable.
 Expected<void> syncDirectory(const std::filesystem::path& path);
+/// Makes everything written so far to the volume of `path` durable, names included.
+Expected<void> syncVolume(const std::filesystem::path& path);
 /// Removes one file, read-only ones too; not an error when it does not exist.
 Expected<void> removeFile(const std::filesystem::path& path);
-/// Removes a tree without following links, read-only entries too.
+/// Removes a tree without following links, read-only entries too; not an error when there is none.
 Expected<void> removeTree(const std::filesystem::path& path);
-/// Shares the blocks of `from` where the file system can, copies otherwise. `to` must not exist.
-Expected<void> cloneOrCopy(const std::filesystem::path& from, const std::filesystem::path& to);
 /// Bytes that this user may still write on the volume of `path`.
 Expected<std::uint64_t> freeSpace(const std::filesystem::path& path);
 
-enum class FileOperation { Open, Read, Write, Truncate, Sync, MakeDirectory, Rename, Remove, Copy };
+/// UTF-8 of a path, "/" separators, and back.
+std::string toUtf8(const std::filesystem::path& path);
+std::filesystem::path fromUtf8(std::string_view text);
 
-/// Test seam: asked before every operation; a value is the errno to fail with. Empty: no fault.
-/// Not to be changed while operations run.
-void setFileFault(std::function<std::optional<int>(FileOperation, const std::filesystem::path&)> fault);
+enum class FileOperation {
+    Open,
+    Read,
+    Write,
+    Truncate,
+    Sync,
+    MakeDirectory,
+    Rename,
+    Remove,
+    FreeSpace, ///< a fault here means: no byte is free
+};
+
+/// Test seam: asked before every operation, from any thread; a value is the errno to fail with.
+/// Empty: no fault. Not to be changed while operations run.
+void setFileFault(
+    std::function<std::optional<int>(FileOperation, const std::filesystem::path&)> fault);
 
 } // namespace vl

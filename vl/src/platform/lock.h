@@ -5,8 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 
-namespace vl
-{
+namespace vl {
 
 /// Exclusive right to change a root: an operating-system lock on an open handle (so that a crash
 /// frees it) that children do not inherit. Never waits.
