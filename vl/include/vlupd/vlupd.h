@@ -1,12 +1,13 @@
 #pragma once
 
+#include <nlohmann/json.hpp>
+
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <streambuf>
 #include <string>
@@ -36,8 +37,7 @@ private:
     std::string m_text;
 };
 
-namespace vlupd
-{
+namespace vlupd {
 
 /// How an operation ended. vl/README.md lists which cause gives which code.
 enum UPD_RESULT : std::int32_t {
@@ -59,8 +59,9 @@ enum UPD_RESULT : std::int32_t {
 
 /// What an installation is doing. Stages are reported in ascending order.
 enum UPD_INSTALLATION_STAGE : std::int32_t {
-    STAGE_PLANNING = 0,
-    STAGE_DOWNLOADING = 1,
+    STAGE_DOWNLOADING = 0,
+    /// Another way to get the same files took over.
+    STAGE_DOWNLOADING_AGAIN = 1,
     STAGE_UNPACKING = 2,
     STAGE_APPLYING = 3,
 };
@@ -92,9 +93,10 @@ public:
     /// Installs `version` in place of the installed one. Blocks until the end.
     /// `progress(bytesPerSecond, bytesDone, bytesTotal)` is called at most 20 times a second and
     /// returns false to end the operation, which can be resumed later. `stage` announces stages.
-    UPD_RESULT installVersion(const std::string& version,
-                              std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> progress,
-                              std::function<void(UPD_INSTALLATION_STAGE)> stage);
+    UPD_RESULT
+    installVersion(const std::string& version,
+                   std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> progress,
+                   std::function<void(UPD_INSTALLATION_STAGE)> stage);
     /// Removes the installed `version` and everything in its folder.
     UPD_RESULT removeVersion(const std::string& version);
     /// Compares the installed `version` with its signed manifest: OK or INSTALLED_FILES_BROKEN,
