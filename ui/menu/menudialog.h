@@ -3,16 +3,15 @@
 #include <QDialog>
 #include <QPoint>
 #include <QStringList>
+
 #include <memory>
 
 class SemiTransparentButton;
 
-namespace Ui
-{
+namespace Ui {
 class MenuDialog;
 }
-namespace vlupd
-{
+namespace vlupd {
 class VLUPD;
 }
 
