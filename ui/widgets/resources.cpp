@@ -1,5 +1,6 @@
 #include "ui/widgets/resources.h"
 
+#include <QApplication>
 #include <QDebug>
 #include <QFont>
 #include <QFontDatabase>
@@ -10,9 +11,9 @@ void loadResources()
     Q_INIT_RESOURCE(launcher);
     Q_INIT_RESOURCE(fonts);
 
-    for (const auto& file : {QStringLiteral("Roboto-Light.ttf"), QStringLiteral("Roboto-Regular.ttf"),
-                             QStringLiteral("Roboto-Bold.ttf"),
-                             QStringLiteral("Roboto-LightItalic.ttf")}) {
+    for (const auto& file :
+         {QStringLiteral("Roboto-Light.ttf"), QStringLiteral("Roboto-Regular.ttf"),
+          QStringLiteral("Roboto-Bold.ttf"), QStringLiteral("Roboto-LightItalic.ttf")}) {
         if (QFontDatabase::addApplicationFont(QStringLiteral(":/fonts/") + file) < 0)
             qWarning().noquote() << "[loadResources] Cannot load the embedded font" << file;
     }
@@ -20,4 +21,6 @@ void loadResources()
     // to others. The windows' style sheets use both, and "Helvetica" in places.
     QFont::insertSubstitution(QStringLiteral("Roboto Light"), QStringLiteral("Roboto"));
     QFont::insertSubstitution(QStringLiteral("Helvetica"), QStringLiteral("Roboto"));
+    QApplication::setFont(QFont(QStringLiteral("Roboto"), 10));
+    QApplication::setWindowIcon(QIcon(QStringLiteral(":/images/media/varnel.png")));
 }
