@@ -10,8 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace vl
-{
+namespace vl {
 
 /// The contents of vl.json.
 struct Config

@@ -9,8 +9,7 @@
 #include <span>
 #include <vector>
 
-namespace vl
-{
+namespace vl {
 
 /// Compresses frames. Each result is one complete zstd frame with content size and checksum.
 class FrameEncoder final
@@ -19,6 +18,7 @@ public:
     /// `level`: zstd's compression level.
     explicit FrameEncoder(int level);
     ~FrameEncoder();
+    FrameEncoder(FrameEncoder&&) noexcept;
     Expected<std::vector<std::byte>> encode(std::span<const std::byte> raw);
 
 private:

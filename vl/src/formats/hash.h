@@ -9,8 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace vl
-{
+namespace vl {
 
 /// A BLAKE2b-256 hash (RFC 7693, 32-byte digest, no key).
 using Hash = std::array<std::uint8_t, 32>;

@@ -9,8 +9,7 @@
 #include <string_view>
 #include <vector>
 
-namespace vl
-{
+namespace vl {
 
 /// Format version that this library writes and the only one it accepts.
 inline constexpr std::uint64_t manifestFormat = 1;

@@ -9,8 +9,7 @@
 #include <string_view>
 
 // Keys and signatures in minisign's format (https://jedisct1.github.io/minisign/).
-namespace vl
-{
+namespace vl {
 
 using KeyId = std::array<std::uint8_t, 8>;
 
@@ -34,6 +33,8 @@ std::string writePublicKey(const PublicKey& key);
 /// Reads an unencrypted secret key file; a key with a password is refused with a clear message.
 Expected<SecretKey> readSecretKey(std::string_view text);
 std::string writeSecretKey(const SecretKey& key);
+
+PublicKey publicKeyOf(const SecretKey& key);
 
 struct KeyPair
 {
