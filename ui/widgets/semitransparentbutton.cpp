@@ -1,0 +1,203 @@
+#include "ui/widgets/semitransparentbutton.h"
+
+#include <QEvent>
+#include <QGraphicsOpacityEffect>
+#include <QKeyEvent>
+#include <QRegularExpression>
+
+namespace {
+
+constexpr int fadeMilliseconds = 120;
+
+QString colourRule(QLatin1String property, const QColor& colour)
+{
+    return QStringLiteral("%1: rgba(%2, %3, %4, %5);")
+        .arg(property)
+        .arg(colour.red())
+        .arg(colour.green())
+        .arg(colour.blue())
+        .arg(colour.alpha());
+}
+
+} // namespace
+
+SemiTransparentButton::SemiTransparentButton(QWidget* parent)
+    : QPushButton(parent), m_opacityEffect(new QGraphicsOpacityEffect),
+      m_transparencyAnimation(this, "transparency"), m_textColorAnimation(this, "textColor"),
+      m_backgroundColorAnimation(this, "backgroundColor")
+{
+    setGraphicsEffect(m_opacityEffect);
+    applyOpacity();
+}
+
+void SemiTransparentButton::setTransparency(double opacity)
+{
+    m_transparency = opacity;
+    applyOpacity();
+}
+
+void SemiTransparentButton::setTextColor(const QColor& colour)
+{
+    m_textColor = colour;
+    m_textColorSet = true;
+    applyColours();
+}
+
+void SemiTransparentButton::setBackgroundColor(const QColor& colour)
+{
+    m_backgroundColor = colour;
+    m_backgroundColorSet = true;
+    applyColours();
+}
+
+void SemiTransparentButton::animateTransparency(double start, double end)
+{
+    m_animateTransparency = true;
+    m_startTransparency = start;
+    m_endTransparency = end;
+    setTransparency(start);
+}
+
+void SemiTransparentButton::enterEvent(QEnterEvent* event)
+{
+    QPushButton::enterEvent(event);
+    if (isEnabled())
+        setHovered(true);
+}
+
+void SemiTransparentButton::leaveEvent(QEvent* event)
+{
+    QPushButton::leaveEvent(event);
+    if (isEnabled())
+        setHovered(false);
+}
+
+void SemiTransparentButton::hideEvent(QHideEvent* event)
+{
+    QPushButton::hideEvent(event);
+    if (m_hovered && m_animateTransparency) {
+        m_transparencyAnimation.stop();
+        setTransparency(m_startTransparency);
+    }
+    endHover();
+}
+
+void SemiTransparentButton::changeEvent(QEvent* event)
+{
+    QPushButton::changeEvent(event);
+    if (event->type() == QEvent::StyleChange) {
+        applyColours();
+    } else if (event->type() == QEvent::EnabledChange) {
+        if (!isEnabled())
+            endHover();
+        else if (isVisible() && underMouse())
+            setHovered(true);
+    }
+}
+
+bool SemiTransparentButton::event(QEvent* event)
+{
+    const bool handled = QPushButton::event(event);
+    // A style sheet that arrives before the first polish, below a parent that has one, sends no
+    // StyleChange.
+    if (event->type() == QEvent::Polish)
+        applyColours();
+    return handled;
+}
+
+void SemiTransparentButton::focusInEvent(QFocusEvent* event)
+{
+    m_focusRing.focusIn(event->reason());
+    applyOpacity();
+    QPushButton::focusInEvent(event);
+}
+
+void SemiTransparentButton::focusOutEvent(QFocusEvent* event)
+{
+    // Another window or a popup takes the focus for a while only.
+    if (event->reason() != Qt::ActiveWindowFocusReason && event->reason() != Qt::PopupFocusReason)
+        m_focusRing.focusOut();
+    applyOpacity();
+    QPushButton::focusOutEvent(event);
+}
+
+void SemiTransparentButton::keyPressEvent(QKeyEvent* event)
+{
+    m_focusRing.keyPressed();
+    applyOpacity();
+    if (event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter)
+        click(); // QPushButton does so in dialogs only
+    else
+        QPushButton::keyPressEvent(event);
+}
+
+void SemiTransparentButton::paintEvent(QPaintEvent* event)
+{
+    QPushButton::paintEvent(event);
+    m_focusRing.paint(*this);
+}
+
+void SemiTransparentButton::setHovered(bool hovered)
+{
+    m_hovered = hovered;
+    if (m_animateTransparency)
+        fade(m_transparencyAnimation, hovered ? m_endTransparency : m_startTransparency);
+    if (m_animateTextColor)
+        fade(m_textColorAnimation, hovered ? m_endTextColor : m_startTextColor);
+    if (m_animateBackgroundColor)
+        fade(m_backgroundColorAnimation, hovered ? m_endBackgroundColor : m_startBackgroundColor);
+}
+
+void SemiTransparentButton::endHover()
+{
+    if (!m_hovered)
+        return;
+    m_hovered = false;
+    // The opacity stays: a version's button is disabled under the mouse when it is selected, and
+    // keeps the opacity that it was given.
+    if (m_transparencyAnimation.state() == QAbstractAnimation::Running)
+        m_transparencyAnimation.setCurrentTime(m_transparencyAnimation.duration());
+    m_textColorAnimation.stop();
+    m_backgroundColorAnimation.stop();
+    if (m_animateTextColor)
+        setTextColor(m_startTextColor);
+    if (m_animateBackgroundColor)
+        setBackgroundColor(m_startBackgroundColor);
+}
+
+void SemiTransparentButton::fade(QPropertyAnimation& animation, const QVariant& end) const
+{
+    animation.stop();
+    animation.setDuration(style()->styleHint(QStyle::SH_Widget_Animation_Duration, nullptr, this) >
+                                  0
+                              ? fadeMilliseconds
+                              : 0);
+    animation.setEndValue(end);
+    animation.start();
+}
+
+void SemiTransparentButton::applyOpacity()
+{
+    // The ring has to be seen whole, whatever the opacity of the face below it.
+    const double opacity = m_focusRing.isShown() && hasFocus() ? 1.0 : m_transparency;
+    m_opacityEffect->setOpacity(opacity);
+    // Drawing through the effect costs a pixmap and blurs text at fractional scales.
+    m_opacityEffect->setEnabled(opacity < 1.0);
+}
+
+void SemiTransparentButton::applyColours()
+{
+    static const QRegularExpression textPattern(
+        QStringLiteral(R"((?<!background-)color:\s*rgba\([^\)]+\);)"));
+    static const QRegularExpression backgroundPattern(
+        QStringLiteral(R"(background-color:\s*rgba\([^\)]+\);)"));
+
+    QString sheet = styleSheet();
+    if (m_textColorSet)
+        sheet.replace(textPattern, colourRule(QLatin1String("color"), m_textColor));
+    if (m_backgroundColorSet)
+        sheet.replace(backgroundPattern,
+                      colourRule(QLatin1String("background-color"), m_backgroundColor));
+    if (sheet != styleSheet())
+        setStyleSheet(sheet);
+}

@@ -1,0 +1,93 @@
+#include "ui/widgets/windowdrag.h"
+
+#include "ui/widgets/windowresize.h"
+
+#include <QApplication>
+#include <QMouseEvent>
+#include <QWidget>
+#include <QWindow>
+
+WindowDrag::WindowDrag(QWidget* window, QWidget* titleBar) : QObject(window), m_window(window)
+{
+    titleBar->installEventFilter(this);
+}
+
+bool WindowDrag::eventFilter(QObject* watched, QEvent* event)
+{
+    switch (event->type()) {
+    case QEvent::MouseButtonPress:
+        return press(*static_cast<QMouseEvent*>(event));
+    case QEvent::MouseMove:
+        return move(*static_cast<QMouseEvent*>(event));
+    case QEvent::MouseButtonRelease:
+        m_state = State::Idle;
+        break;
+    case QEvent::MouseButtonDblClick:
+        m_state = State::Idle;
+        if (static_cast<QMouseEvent*>(event)->button() == Qt::LeftButton) {
+            toggleMaximized(*m_window);
+            return true;
+        }
+        break;
+    default:
+        break;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
+bool WindowDrag::press(const QMouseEvent& event)
+{
+    m_state = State::Idle;
+    const QPoint mouse = event.globalPosition().toPoint();
+    if (event.button() != Qt::LeftButton || resizableEdges(*m_window, mouse))
+        return false;
+    m_state = State::Pressed;
+    m_pressPosition = mouse;
+    return true;
+}
+
+bool WindowDrag::move(const QMouseEvent& event)
+{
+    // The window system swallows the release that ends its own move.
+    if (!event.buttons().testFlag(Qt::LeftButton))
+        m_state = State::Idle;
+    if (m_state == State::Idle)
+        return false;
+    const QPoint mouse = event.globalPosition().toPoint();
+    if (m_state == State::Pressed &&
+        (mouse - m_pressPosition).manhattanLength() >= QApplication::startDragDistance())
+        begin(mouse);
+    if (m_state == State::Moving)
+        m_window->move(mouse - m_grip);
+    return true;
+}
+
+void WindowDrag::begin(QPoint mouse)
+{
+    m_grip = m_pressPosition - m_window->pos();
+    m_state = State::Moving;
+    if (m_window->isMaximized()) {
+        // The window shrinks under the mouse: keep the mouse at the same share of its width.
+        const int width = m_window->normalGeometry().width();
+        m_grip.setX(m_grip.x() * width / m_window->width());
+        m_window->showNormal();
+        m_window->move(mouse - m_grip);
+        return;
+    }
+    if (systemMoveIsReliable() && m_window->windowHandle()->startSystemMove())
+        m_state = State::Idle;
+}
+
+void toggleMaximized(QWidget& window)
+{
+    if (window.isMaximized())
+        window.showNormal();
+    else
+        window.showMaximized();
+}
+
+bool systemMoveIsReliable()
+{
+    return QGuiApplication::platformName() != QLatin1String("xcb") ||
+           !qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
+}
