@@ -33,6 +33,14 @@ fs::path temporaryBeside(const fs::path& path)
                     std::to_string(counter++) + std::string(temporarySuffix));
 }
 
+// A full disk is a system failure like any other; everything else means the folder cannot be.
+tl::unexpected<Error> folderFailure(const fs::path& path, int error)
+{
+    const bool full = error == ENOSPC || error == EDQUOT;
+    return fileFailure("make folder", path, error,
+                       full ? vlupd::SYSTEM_CALL_ERROR : vlupd::CREATE_DIR_ERROR);
+}
+
 FileKind kindOf(fs::file_type type)
 {
     if (type == fs::file_type::regular)
@@ -43,22 +51,17 @@ FileKind kindOf(fs::file_type type)
 Expected<void> listInto(const fs::path& directory, const std::string& prefix,
                         std::vector<TreeEntry>& entries)
 {
-    std::error_code error;
-    fs::directory_iterator iterator(directory, error);
-    for (; !error && iterator != fs::directory_iterator(); iterator.increment(error)) {
-        auto info = fileInfo(iterator->path());
-        if (!info)
-            return tl::unexpected(std::move(info).error());
-        if (!*info)
-            continue; // removed meanwhile
-        entries.push_back({prefix + toUtf8(iterator->path().filename()), **info});
-        if ((*info)->kind != FileKind::Directory)
+    auto listed = listDirectory(directory);
+    if (!listed)
+        return tl::unexpected(std::move(listed).error());
+    for (TreeEntry& entry : *listed) {
+        const fs::path path = directory / fromUtf8(entry.path);
+        entries.push_back({prefix + entry.path, entry.info});
+        if (entry.info.kind != FileKind::Directory)
             continue;
-        if (auto listed = listInto(iterator->path(), entries.back().path + "/", entries); !listed)
-            return listed;
+        if (auto below = listInto(path, prefix + entry.path + "/", entries); !below)
+            return below;
     }
-    if (error)
-        return fileFailure("list", directory, error.value());
     return {};
 }
 
@@ -101,11 +104,33 @@ Expected<std::optional<FileInfo>> fileInfo(const fs::path& path)
     FileInfo info;
     if (status.type() != fs::file_type::none)
         info.kind = kindOf(status.type());
-    if (info.kind == FileKind::File)
+    if (info.kind == FileKind::File) {
         info.size = fs::file_size(path, error);
+        if (!error)
+            info.modified = fs::last_write_time(path, error);
+    }
     if (status.type() == fs::file_type::none || error)
         return fileFailure("look at", path, error.value());
     return info;
+}
+
+Expected<std::vector<TreeEntry>> listDirectory(const fs::path& path)
+{
+    std::vector<TreeEntry> entries;
+    std::error_code error;
+    fs::directory_iterator iterator(path, error);
+    if (error == std::errc::no_such_file_or_directory)
+        return entries;
+    for (; !error && iterator != fs::directory_iterator(); iterator.increment(error)) {
+        const auto info = fileInfo(iterator->path());
+        if (!info)
+            return tl::unexpected(info.error());
+        if (*info) // else it was removed meanwhile
+            entries.push_back({toUtf8(iterator->path().filename()), **info});
+    }
+    if (error)
+        return fileFailure("list", path, error.value());
+    return entries;
 }
 
 Expected<std::vector<TreeEntry>> listTree(const fs::path& path)
@@ -165,13 +190,13 @@ bool isTemporaryName(std::string_view name)
 Expected<void> makeDirectories(const fs::path& path)
 {
     if (const auto fault = fileFault(FileOperation::MakeDirectory, path))
-        return fileFailure("make folder", path, *fault, vlupd::CREATE_DIR_ERROR);
+        return folderFailure(path, *fault);
     std::error_code error;
     fs::create_directories(path, error);
     if (!error && !fs::is_directory(path, error) && !error)
         error = std::make_error_code(std::errc::not_a_directory);
     if (error)
-        return fileFailure("make folder", path, error.value(), vlupd::CREATE_DIR_ERROR);
+        return folderFailure(path, error.value());
     return {};
 }
 

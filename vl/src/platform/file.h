@@ -33,7 +33,9 @@ public:
     File(File&& other) noexcept;
     File& operator=(File&& other) noexcept;
 
-    static Expected<File> open(const std::filesystem::path& path, Mode mode);
+    /// `permissions`: of a new file, less what the process's mask takes away.
+    static Expected<File> open(const std::filesystem::path& path, Mode mode,
+                               std::uint32_t permissions = 0644);
 
     Expected<std::uint64_t> size() const;
     /// Fills `bytes` from `offset` and returns how many there were (fewer only at the end).
@@ -43,12 +45,10 @@ public:
     Expected<void> truncate(std::uint64_t size);
     /// Asks the system to begin writing a range to the disk; a hint that never fails or waits long.
     void startWriteback(std::uint64_t offset, std::uint64_t size);
-    /// The file's bytes are on the disk when it returns; its name and mode may not be.
-    Expected<void> flushData();
+    /// Writes a range to the disk and waits for it. Durable only after syncVolume().
+    Expected<void> flushRange(std::uint64_t offset, std::uint64_t size);
     /// On the disk when it returns.
     Expected<void> sync();
-    /// Sets the permission bits (0644, 0755); only the write bit means something on Windows.
-    Expected<void> setMode(std::uint32_t mode);
     bool isOpen() const { return m_handle != closedHandle; }
 
 private:
@@ -62,7 +62,8 @@ enum class FileKind { File, Directory, Other };
 struct FileInfo
 {
     FileKind kind = FileKind::Other;
-    std::uint64_t size = 0; ///< of a file, in bytes
+    std::uint64_t size = 0;                   ///< of a file, in bytes
+    std::filesystem::file_time_type modified; ///< of a file
 };
 
 /// What lies at `path`, links not followed; nothing when there is nothing.
@@ -74,6 +75,8 @@ struct TreeEntry
     FileInfo info;
 };
 
+/// What lies directly in the folder `path`, links not followed; nothing when there is no folder.
+Expected<std::vector<TreeEntry>> listDirectory(const std::filesystem::path& path);
 /// Everything below `path`, links not followed, a folder before what lies in it.
 Expected<std::vector<TreeEntry>> listTree(const std::filesystem::path& path);
 
@@ -98,7 +101,7 @@ Expected<void> removeTree(const std::filesystem::path& path);
 /// Bytes that this user may still write on the volume of `path`.
 Expected<std::uint64_t> freeSpace(const std::filesystem::path& path);
 
-/// UTF-8 of a path, "/" separators, and back.
+/// UTF-8 of a path, "/" separators, and back: what every format and log line uses.
 std::string toUtf8(const std::filesystem::path& path);
 std::filesystem::path fromUtf8(std::string_view text);
 

@@ -74,7 +74,7 @@ File& File::operator=(File&& other) noexcept
     return *this;
 }
 
-Expected<File> File::open(const fs::path& path, Mode mode)
+Expected<File> File::open(const fs::path& path, Mode mode, std::uint32_t permissions)
 {
     const auto failed = [&](int error) {
         const bool missing = mode == Mode::Read && error == ENOENT;
@@ -84,7 +84,8 @@ Expected<File> File::open(const fs::path& path, Mode mode)
     if (const auto fault = fileFault(FileOperation::Open, path))
         return failed(*fault);
     const int flags = openFlags(mode) | O_CLOEXEC | O_NOFOLLOW;
-    const int opened = retried([&] { return ::open(path.c_str(), flags, 0644); });
+    const int opened =
+        retried([&] { return ::open(path.c_str(), flags, static_cast<mode_t>(permissions)); });
     if (opened < 0)
         return failed(errno);
     File file;
@@ -163,11 +164,24 @@ void File::startWriteback(std::uint64_t offset, std::uint64_t size)
 #endif
 }
 
-Expected<void> File::flushData()
+Expected<void> File::flushRange(std::uint64_t offset, std::uint64_t size)
 {
     if (const auto fault = fileFault(FileOperation::Sync, m_path))
         return fileFailure("flush", m_path, *fault);
-    if (retried([&] { return ::fdatasync(descriptor(m_handle)); }) != 0)
+    const int file = descriptor(m_handle);
+#if defined(__linux__)
+    constexpr unsigned writeAndWait =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    const auto flush = [&] {
+        return ::sync_file_range(file, static_cast<off_t>(offset), static_cast<off_t>(size),
+                                 writeAndWait);
+    };
+#else
+    (void)offset;
+    (void)size;
+    const auto flush = [&] { return ::fsync(file); };
+#endif
+    if (retried(flush) != 0)
         return fileFailure("flush", m_path, errno);
     return {};
 }
@@ -178,13 +192,6 @@ Expected<void> File::sync()
         return fileFailure("flush", m_path, *fault);
     if (retried([&] { return ::fsync(descriptor(m_handle)); }) != 0)
         return fileFailure("flush", m_path, errno);
-    return {};
-}
-
-Expected<void> File::setMode(std::uint32_t mode)
-{
-    if (::fchmod(descriptor(m_handle), static_cast<mode_t>(mode)) != 0)
-        return fileFailure("set the permissions of", m_path, errno);
     return {};
 }
 

@@ -10,6 +10,19 @@
 
 namespace vl {
 
+namespace {
+
+tl::unexpected<Error> lockFailure(const std::filesystem::path& root,
+                                  const std::filesystem::path& file, int error, const char* doing)
+{
+    if (error != EWOULDBLOCK)
+        return fileFailure("lock", file, error);
+    return failure(vlupd::SYSTEM_CALL_ERROR,
+                   std::string("another process is ") + doing + " " + toUtf8(root));
+}
+
+} // namespace
+
 RootLock::~RootLock()
 {
     if (m_handle != closedHandle)
@@ -37,11 +50,23 @@ Expected<RootLock> RootLock::tryTake(const std::filesystem::path& root)
     if (lock.m_handle == closedHandle)
         return fileFailure("open", path, errno);
     // The file itself stays: removing it would let two processes lock two files of one name.
-    if (::flock(static_cast<int>(lock.m_handle), LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK)
-            return failure(vlupd::SYSTEM_CALL_ERROR, "another process is changing " + toUtf8(root));
-        return fileFailure("lock", path, errno);
-    }
+    if (::flock(static_cast<int>(lock.m_handle), LOCK_EX | LOCK_NB) != 0)
+        return lockFailure(root, path, errno, "using");
+    return lock;
+}
+
+Expected<RootLock> RootLock::tryTakeShared(const std::filesystem::path& root)
+{
+    const std::filesystem::path path = root / "vl.lock";
+    if (const auto fault = fileFault(FileOperation::Open, path))
+        return fileFailure("open", path, *fault);
+    RootLock lock;
+    lock.m_handle = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (lock.m_handle == closedHandle)
+        return errno == ENOENT ? Expected<RootLock>(std::move(lock))
+                               : fileFailure("open", path, errno);
+    if (::flock(static_cast<int>(lock.m_handle), LOCK_SH | LOCK_NB) != 0)
+        return lockFailure(root, path, errno, "changing");
     return lock;
 }
 
