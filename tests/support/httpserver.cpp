@@ -33,9 +33,8 @@ bool sendAll(int socket, const char* bytes, std::size_t size)
 {
     while (size > 0) {
         const ssize_t sent = ::send(socket, bytes, size, MSG_NOSIGNAL);
-        if (sent <= 0) {
+        if (sent <= 0)
             return false;
-        }
         bytes += sent;
         size -= static_cast<std::size_t>(sent);
     }
@@ -87,9 +86,8 @@ HttpServer::HttpServer(std::filesystem::path folder) : m_folder(std::move(folder
     socklen_t length = sizeof(name);
     if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr*>(&name), length) != 0 ||
         ::listen(m_listener, 64) != 0 ||
-        ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&name), &length) != 0) {
+        ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&name), &length) != 0)
         throw std::runtime_error("the test server cannot listen");
-    }
     m_port = ntohs(name.sin_port);
     m_acceptor = std::thread([this] { acceptConnections(); });
 }
@@ -106,18 +104,16 @@ std::string HttpServer::address() const
 
 void HttpServer::stop()
 {
-    if (m_stopping.exchange(true)) {
+    if (m_stopping.exchange(true))
         return;
-    }
     ::shutdown(m_listener, SHUT_RDWR);
     m_acceptor.join();
     ::close(m_listener);
     std::list<Connection> connections;
     {
         const std::lock_guard lock(m_mutex);
-        for (const Connection& connection : m_connections) {
+        for (const Connection& connection : m_connections)
             ::shutdown(connection.socket, SHUT_RDWR);
-        }
         connections.swap(m_connections);
     }
     m_changed.notify_all();
@@ -153,9 +149,8 @@ int HttpServer::requests(const std::string& path) const
 {
     const std::lock_guard lock(m_mutex);
     int sum = 0;
-    for (const auto& [name, counts] : m_counts) {
+    for (const auto& [name, counts] : m_counts)
         sum += path.empty() || path == name ? counts.requests : 0;
-    }
     return sum;
 }
 
@@ -163,9 +158,8 @@ std::uint64_t HttpServer::bytesSent(const std::string& path) const
 {
     const std::lock_guard lock(m_mutex);
     std::uint64_t sum = 0;
-    for (const auto& [name, counts] : m_counts) {
+    for (const auto& [name, counts] : m_counts)
         sum += path.empty() || path == name ? counts.bytes : 0;
-    }
     return sum;
 }
 
@@ -196,9 +190,8 @@ void HttpServer::acceptConnections()
 {
     while (!m_stopping) {
         const int socket = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (socket < 0) {
+        if (socket < 0)
             continue;
-        }
         const int on = 1;
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
         ++m_connectionCount;
@@ -213,17 +206,15 @@ void HttpServer::serve(int socket)
     std::string buffer;
     while (!m_stopping) {
         const std::optional<Request> request = readRequest(socket, buffer);
-        if (!request) {
+        if (!request)
             break;
-        }
         const Misbehaviour fault = count(*request);
         if (fault.delay.count() > 0) {
             std::unique_lock lock(m_mutex);
             m_changed.wait_for(lock, fault.delay, [this] { return m_stopping.load(); });
         }
-        if (!answer(socket, *request, fault)) {
+        if (!answer(socket, *request, fault))
             break;
-        }
     }
     ::shutdown(socket, SHUT_RDWR);
 }
@@ -234,9 +225,8 @@ std::optional<HttpServer::Request> HttpServer::readRequest(int socket, std::stri
     while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
         std::array<char, 4096> bytes{};
         const ssize_t got = ::recv(socket, bytes.data(), bytes.size(), 0);
-        if (got <= 0 || buffer.size() > (64U << 10U)) {
+        if (got <= 0 || buffer.size() > (64U << 10U))
             return std::nullopt;
-        }
         buffer.append(bytes.data(), static_cast<std::size_t>(got));
     }
     Request request;
@@ -249,9 +239,8 @@ std::optional<HttpServer::Request> HttpServer::readRequest(int socket, std::stri
         const std::size_t colon = buffer.find(':', start);
         if (colon < lineEnd) {
             std::size_t value = colon + 1;
-            while (value < lineEnd && buffer[value] == ' ') {
+            while (value < lineEnd && buffer[value] == ' ')
                 ++value;
-            }
             request.headers[lowerCase(buffer.substr(start, colon - start))] =
                 buffer.substr(value, lineEnd - value);
         }
@@ -270,20 +259,17 @@ Misbehaviour HttpServer::count(const Request& request)
     m_changed.notify_all();
 
     auto found = m_faults.find(request.path);
-    if (found == m_faults.end()) {
+    if (found == m_faults.end())
         found = m_faults.find("*");
-    }
-    if (found == m_faults.end()) {
+    if (found == m_faults.end())
         return {};
-    }
     Misbehaviour& fault = found->second;
     if (fault.skip > 0) {
         --fault.skip;
         return {};
     }
-    if (fault.times == 0) {
+    if (fault.times == 0)
         return {};
-    }
     fault.times -= fault.times > 0 ? 1 : 0;
     return fault;
 }
@@ -293,9 +279,8 @@ bool HttpServer::answer(int socket, const Request& request, const Misbehaviour& 
     Answer answer;
     const std::filesystem::path path = m_folder / request.path.substr(1);
     const auto closeFile = [&answer] {
-        if (answer.file >= 0) {
+        if (answer.file >= 0)
             ::close(answer.file);
-        }
     };
     answer.file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat status = {};
@@ -304,12 +289,10 @@ bool HttpServer::answer(int socket, const Request& request, const Misbehaviour& 
 
     int code = exists ? 200 : 404;
     std::string text = fault.body.value_or("no such file\n");
-    if (fault.body) {
+    if (fault.body)
         code = 200;
-    }
-    if (!fault.redirectTo.empty()) {
+    if (!fault.redirectTo.empty())
         code = 302;
-    }
     if (fault.status != 0) {
         code = fault.status;
         text = "scripted answer\n";
@@ -346,30 +329,24 @@ bool HttpServer::answer(int socket, const Request& request, const Misbehaviour& 
                        std::to_string(answer.end - 1 + shift) + '/' + std::to_string(told) + "\r\n";
         }
         length = answer.end - answer.first;
-        if (code == 200) {
+        if (code == 200)
             length += static_cast<std::uint64_t>(fault.totalError);
-        }
-        if (fault.bodyError < 0) {
+        if (fault.bodyError < 0)
             answer.end -= static_cast<std::uint64_t>(-fault.bodyError);
-        } else {
+        else
             answer.zeros = static_cast<std::uint64_t>(fault.bodyError);
-        }
         text.clear();
     } else {
         length = text.size();
     }
-    if (!fault.redirectTo.empty()) {
+    if (!fault.redirectTo.empty())
         headers += "Location: " + fault.redirectTo + "\r\n";
-    }
-    if (!fault.contentType.empty()) {
+    if (!fault.contentType.empty())
         headers += "Content-Type: " + fault.contentType + "\r\n";
-    }
-    if (!fault.contentEncoding.empty()) {
+    if (!fault.contentEncoding.empty())
         headers += "Content-Encoding: " + fault.contentEncoding + "\r\n";
-    }
-    if (fault.retryAfter) {
+    if (fault.retryAfter)
         headers += "Retry-After: " + std::to_string(*fault.retryAfter) + "\r\n";
-    }
     if (fault.untoldLength || fault.endless) {
         headers += "Connection: close\r\n";
         answer.keepAlive = false;
@@ -381,11 +358,10 @@ bool HttpServer::answer(int socket, const Request& request, const Misbehaviour& 
     const std::string head =
         "HTTP/1.1 " + std::to_string(code) + ' ' + reason(code) + "\r\n" + headers + "\r\n";
     bool goesOn = sendAll(socket, head.data(), head.size());
-    if (goesOn && !text.empty()) {
+    if (goesOn && !text.empty())
         goesOn = sendCounted(socket, request.path, text.data(), text.size());
-    } else if (goesOn) {
+    else if (goesOn)
         goesOn = sendBody(socket, request, answer, fault);
-    }
     closeFile();
     return goesOn && answer.keepAlive;
 }
@@ -399,24 +375,21 @@ bool HttpServer::sendBody(int socket, const Request& request, const Answer& answ
     std::uint64_t sent = 0;
     while (sent < total) {
         std::uint64_t size = std::min<std::uint64_t>(piece.size(), total - sent);
-        if (fault.stallAfter && sent == *fault.stallAfter) {
+        if (fault.stallAfter && sent == *fault.stallAfter)
             stall(socket);
-        } else if (fault.stallAfter && sent < *fault.stallAfter) {
+        else if (fault.stallAfter && sent < *fault.stallAfter)
             size = std::min(size, *fault.stallAfter - sent);
-        }
         if (fault.cutAfter) {
             size = std::min(size, *fault.cutAfter - sent);
-            if (size == 0) {
+            if (size == 0)
                 return false;
-            }
         }
         if (sent < fileBytes) {
             size = std::min(size, fileBytes - sent);
             const std::uint64_t offset = answer.first + sent;
             if (::pread(answer.file, piece.data(), static_cast<std::size_t>(size),
-                        static_cast<off_t>(offset)) != static_cast<ssize_t>(size)) {
+                        static_cast<off_t>(offset)) != static_cast<ssize_t>(size))
                 return false;
-            }
             if (fault.flipByteAt && *fault.flipByteAt >= offset &&
                 *fault.flipByteAt < offset + size) {
                 char& byte = piece[static_cast<std::size_t>(*fault.flipByteAt - offset)];
@@ -426,9 +399,8 @@ bool HttpServer::sendBody(int socket, const Request& request, const Answer& answ
             std::fill(piece.begin(), piece.end(), '\0');
         }
         if (m_stopping ||
-            !sendCounted(socket, request.path, piece.data(), static_cast<std::size_t>(size))) {
+            !sendCounted(socket, request.path, piece.data(), static_cast<std::size_t>(size)))
             return false;
-        }
         sent += size;
     }
     return true;
@@ -437,9 +409,8 @@ bool HttpServer::sendBody(int socket, const Request& request, const Answer& answ
 bool HttpServer::sendCounted(int socket, const std::string& path, const char* bytes,
                              std::size_t size)
 {
-    if (!sendAll(socket, bytes, size)) {
+    if (!sendAll(socket, bytes, size))
         return false;
-    }
     const std::lock_guard lock(m_mutex);
     m_counts[path].bytes += size;
     return true;
@@ -456,9 +427,8 @@ void HttpServer::stall(int socket)
         pollfd watched{socket, POLLRDHUP, 0};
         const bool hungUp = ::poll(&watched, 1, 0) > 0;
         lock.lock();
-        if (hungUp) {
+        if (hungUp)
             break;
-        }
         m_changed.wait_for(lock, std::chrono::milliseconds(20));
     }
     --m_stalled;

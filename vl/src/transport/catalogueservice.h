@@ -1,10 +1,10 @@
 #pragma once
 
+#include "vl/src/error.h"
 #include "vl/src/formats/catalogue.h"
 #include "vl/src/formats/config.h"
-#include "vl/src/error.h"
-#include "vl/src/operation/log.h"
 #include "vl/src/formats/manifest.h"
+#include "vl/src/operation/log.h"
 #include "vl/src/operation/operation.h"
 #include "vl/src/transport/source.h"
 
@@ -12,8 +12,7 @@
 #include <filesystem>
 #include <memory>
 
-namespace vl
-{
+namespace vl {
 
 /// Finds the newest catalogue that can be believed: fetched and verified, else the last verified
 /// one on the disk. Keeps the start-up budget: a helper thread fetches with a deadline and is left

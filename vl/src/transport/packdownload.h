@@ -8,8 +8,7 @@
 #include <filesystem>
 #include <functional>
 
-namespace vl
-{
+namespace vl {
 
 /// Called in frame order, once per frame, when the frame's verified bytes are in the part file.
 /// Runs on the calling thread; a failure ends the download.
@@ -24,8 +23,7 @@ std::uint64_t resumableBytes(const std::filesystem::path& partFile, const Pack& 
 /// arrives; a damaged one is fetched once more and then fails with BROKEN_OR_MISSING, naming the
 /// address and the offset. Counts bytes on `operation` (its stage has begun); bytes found on the
 /// disk are counted by whoever began the stage. On any failure the verified frames stay.
-Expected<void> downloadPack(Source& source, const Pack& pack,
-                            const std::filesystem::path& partFile, Operation& operation,
-                            const FrameReady& frameReady);
+Expected<void> downloadPack(Source& source, const Pack& pack, const std::filesystem::path& partFile,
+                            Operation& operation, const FrameReady& frameReady);
 
 } // namespace vl

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "vl/src/formats/config.h"
 #include "vl/src/error.h"
+#include "vl/src/formats/config.h"
 #include "vl/src/operation/operation.h"
 
 #include <chrono>
@@ -14,8 +14,7 @@
 #include <span>
 #include <string>
 
-namespace vl
-{
+namespace vl {
 
 /// A piece of a file in the repository.
 struct ByteRange
@@ -31,11 +30,32 @@ struct DocumentRequest
     std::uint64_t maxSize = 0; ///< bytes; a longer document is refused as soon as it is known
     bool uncached = false;     ///< ask caches on the way to go back to the origin
     int retries = 3;
-    std::optional<std::chrono::steady_clock::time_point> deadline;
-    std::function<bool()> cancelled; ///< asked often, from the thread of the call; may be empty
+    std::optional<std::chrono::steady_clock::time_point> deadline{};
+    std::function<bool()> cancelled{}; ///< asked often, from the thread of the call; may be empty
+};
+
+/// Patience of the transport. Tests shorten it.
+struct SourceOptions
+{
+    std::chrono::milliseconds connectTimeout{15000};
+    /// A transfer that brings less than 1 byte/s for this long is broken off and tried again.
+    std::chrono::seconds stallTimeout{30};
+    /// Pause before the first new attempt; it doubles from attempt to attempt.
+    std::chrono::milliseconds firstPause{500};
+    /// No pause is longer, whatever a Retry-After header asks for.
+    std::chrono::milliseconds longestPause{30000};
+    /// New attempts of fetchRange in a row that bring next to nothing.
+    int rangeRetries = 5;
+    /// File with the certificate authorities to trust (PEM); empty: the system's.
+    std::string certificateAuthorities{};
 };
 
 /// A release repository, wherever it lies: an http(s) or file address or a plain folder.
+///
+/// Failures: RSYNC_ERROR when the transfer failed (after the retries that its cause deserves) or
+/// there is no such file, CONTENT_LEN_ERROR for a wrong length, UPDATER_DATA_ERROR when something
+/// other than a repository answers, UNKNOWN_ERROR when the caller ended it. Messages name the
+/// address, without user name and password, and the cause. Used by one thread at a time.
 class Source
 {
 public:
@@ -57,8 +77,11 @@ public:
     virtual std::string describe() const = 0;
 };
 
-/// Opens what `config.repository` names; a relative folder lies below `root`.
+/// Opens what `config.repository` names; a relative folder lies below `root`. The speed limit of
+/// the configuration holds for ranges, not for documents. UPDATER_DATA_ERROR for an address that
+/// cannot be read or has another scheme.
 Expected<std::unique_ptr<Source>> openSource(const Config& config,
-                                             const std::filesystem::path& root);
+                                             const std::filesystem::path& root,
+                                             const SourceOptions& options = {});
 
 } // namespace vl

@@ -1,0 +1,22 @@
+#pragma once
+
+#include "vl/src/error.h"
+
+#include <filesystem>
+#include <string>
+
+namespace vl {
+
+/// The scheme of an address in lower case, or an empty text when `text` is a folder.
+std::string schemeOf(const std::string& text);
+
+/// `address` without user name and password, for log lines.
+std::string withoutCredentials(const std::string& address);
+
+/// Whether `address` can be read as an http or https address. The message names what is wrong.
+Expected<void> checkHttpAddress(const std::string& address);
+
+/// The folder that a file:// address names.
+Expected<std::filesystem::path> folderOfFileAddress(const std::string& address);
+
+} // namespace vl
