@@ -1,0 +1,67 @@
+# shellcheck shell=bash disable=SC2154
+# Builds the program and publishes the sample releases below build/demo. Sourced after common.sh.
+
+build=$project/build/release
+demo=$project/build/demo
+releases=$demo/releases
+secret_key=$demo/keys/demo.key
+public_key=$demo/keys/demo.pub
+
+build_program() {
+    say "Building"
+    (cd "$project" && cmake --preset release -DBUILD_TESTING=OFF >"$project/build/configure.log") ||
+        fail "configuring; see build/configure.log"
+    (cd "$project" && cmake --build --preset release --target \
+        varnel-launcher vl vl-publish sample-simulator make-sample-release)
+}
+
+# published VERSION
+published() {
+    "$build/bin/vl-publish" list "$releases" 2>/dev/null | grep -qE "(^|[[:space:]])$1([[:space:]]|\$)"
+}
+
+# publish VERSION REVISION DATE [NAME]: adds one sample release unless it is there.
+publish() {
+    local version=$1 revision=$2 date=$3 name=${4:-}
+    published "$version" && return
+    say "Publishing the sample simulator $version"
+    "$build/bin/make-sample-release" "$demo/staging/$version" "$version" --revision "$revision" \
+        --simulator "$build/bin/sample-simulator"
+    "$build/bin/vl-publish" add "$releases" "$version" "$demo/staging/$version" \
+        --exec default_exec=bin/sample-simulator --secret-key "$secret_key" --date "$date" \
+        --changelog "$project/tools/sample-simulator/changelogs/$version.json" \
+        ${name:+--name "$name"}
+    rm -rf "$demo/staging"
+}
+
+publish_releases() {
+    if [ ! -f "$secret_key" ] || [ ! -f "$public_key" ]; then
+        rm -rf "$releases" "$demo/keys" # signed by a key that is lost
+        mkdir -p "$demo/keys"
+        "$build/bin/vl-publish" keygen --secret-key "$secret_key" --public-key "$public_key"
+    fi
+    mkdir -p "$releases"
+    publish 1.0.0 0 2026-03-02
+    publish 1.1.0 1 2026-06-15
+    publish 1.2.0 2 2026-10-05
+    publish 9.0.0-training 3 2026-10-20 "Учебная"
+    "$build/bin/vl-publish" verify "$releases" --public-key "$public_key" >"$demo/verify.log" ||
+        fail "the sample repository does not verify; see build/demo/verify.log"
+}
+
+# install_launcher FOLDER BYTES_PER_SECOND: a portable folder that uses the sample repository. The
+# limit lets a person see the progress.
+install_launcher() {
+    local folder=$1
+    say "Installing the launcher into ${folder#"$project/"}"
+    mkdir -p "$folder"
+    cat >"$folder/vl.json" <<JSON
+{
+  "repository": "$(realpath --relative-to="$folder" "$releases")",
+  "publicKeys": ["$(sed -n 2p "$public_key")"],
+  "maxBytesPerSecond": $2
+}
+JSON
+    cmake --install "$build" --prefix "$folder" >"$demo/install.log" ||
+        fail "installing; see build/demo/install.log"
+}

@@ -1,0 +1,124 @@
+# shellcheck shell=bash disable=SC2034,SC2154
+# A virtual desktop and the hands and eyes of its user: mouse, keyboard, screenshots. Nothing here
+# looks inside a program. Sourced after common.sh; sets the trap that ends what it started.
+
+desktop_work=$(mktemp -d)
+desktop_processes=()
+launcher=    # process id
+main_window= # X window id
+scale=1
+step=0
+
+desktop_end() {
+    local status=$? process
+    for process in $launcher $(simulator_processes) "${desktop_processes[@]}"; do
+        kill -CONT "$process" 2>/dev/null || true
+        kill "$process" 2>/dev/null || true
+    done
+    wait 2>/dev/null || true
+    rm -rf "$desktop_work"
+    exit "$status"
+}
+
+picture() { # the image processor under the name that this machine knows
+    if command -v magick >/dev/null; then magick "$@"; else convert "$@"; fi
+}
+
+# desktop_start SCALE: display, background, window manager.
+desktop_start() {
+    scale=$1
+    trap desktop_end EXIT
+    trap 'exit 130' INT TERM
+    Xvfb -displayfd 3 -screen 0 "$((1280 * scale))x$((800 * scale))x24" -nolisten tcp \
+        3>"$desktop_work/display" 2>"$desktop_work/xvfb.log" &
+    desktop_processes=($!)
+    wait_until 20 "the virtual display" test -s "$desktop_work/display"
+    DISPLAY=:$(cat "$desktop_work/display")
+    export DISPLAY
+    unset WAYLAND_DISPLAY
+    export QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR=$scale LC_ALL=C.UTF-8
+    export XDG_RUNTIME_DIR=$desktop_work/runtime
+    mkdir -m 700 "$XDG_RUNTIME_DIR"
+    display -window root "xc:#30363d" 2>/dev/null || true
+    openbox 2>"$desktop_work/openbox.log" &
+    desktop_processes+=($!)
+    wait_until 20 "the window manager" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q window'
+}
+
+# launcher_start FOLDER: from a directory of its own, because the folder must run from anywhere.
+launcher_start() {
+    log=$1/current.log
+    log_mark
+    (cd / && exec "$1/varnel-launcher") 2>"$desktop_work/launcher.log" &
+    launcher=$!
+    wait_until 30 "the launcher's window" window_named '^Varnel Simulator$'
+    main_window=$(window_named '^Varnel Simulator$')
+    settle
+}
+
+window_named() { xdotool search --onlyvisible --name "$1" 2>/dev/null | tail -n 1 | grep .; }
+dialog() { window_named '^Dialog$'; }
+no_dialog() { ! dialog; }
+simulator_processes() { [ -z "${log:-}" ] || pgrep -f "^${log%/*}/.*/sample-simulator" || true; }
+
+log_mark() { log_start=$(($(wc -c <"$log" 2>/dev/null || echo 0) + 1)); }
+log_says() { tail -c "+$log_start" "$log" 2>/dev/null | grep -qE -- "$1"; }
+
+# The picture of the desktop stands still: what was pressed has been drawn.
+settle() {
+    local before='' now
+    for _ in {1..40}; do
+        now=$(import -silent -window root ppm:- | cksum)
+        [ "$now" != "$before" ] || return 0
+        before=$now
+    done
+    return 0 # something moves by itself, as it may
+}
+
+# shot NAME: the desktop as it is, numbered.
+shot() {
+    step=$((step + 1))
+    import -silent -window root "$screenshots/$(printf %02d $step)-$1.png"
+}
+
+# geometry WINDOW: sets X Y WIDTH HEIGHT in device pixels.
+geometry() { eval "$(xdotool getwindowgeometry --shell "$1" | grep -E '^(X|Y|WIDTH|HEIGHT)=')"; }
+
+# click WINDOW X Y: in units of the window's layout; negative ones count from the far edge.
+click() {
+    geometry "$1"
+    local x=$(($2 * scale)) y=$(($3 * scale))
+    [ $x -ge 0 ] || x=$((WIDTH + x))
+    [ $y -ge 0 ] || y=$((HEIGHT + y))
+    xdotool mousemove $((X + x)) $((Y + y)) click 1
+}
+
+# Puts the pointer where nothing reacts to it, so that no button is lit.
+park_pointer() { xdotool mousemove $((1280 * scale - 2)) $((800 * scale - 2)); }
+
+# orange_buttons WINDOW: centres in window pixels of the filled orange buttons, from left to right.
+orange_buttons() {
+    import -silent -window "$1" "$desktop_work/buttons.png"
+    picture "$desktop_work/buttons.png" -fuzz 2% -fill black +opaque '#FF6D1B' \
+        -fill white -opaque '#FF6D1B' -fuzz 0 \
+        -define connected-components:verbose=true -define connected-components:area-threshold=200 \
+        -connected-components 4 null: |
+        awk -v least=$((50 * scale)) -v flat=$((16 * scale)) '
+            /gray\(255\)|255,255,255/ {
+                split($2, box, /[x+]/)
+                if (box[1] >= least && box[2] >= flat && $4 > 0.5 * box[1] * box[2])
+                    print int(box[3] + box[1] / 2), int(box[4] + box[2] / 2)
+            }' | sort -n
+}
+
+# press_orange WINDOW INDEX: clicks the INDEX-th filled orange button (1 is the leftmost).
+press_orange() {
+    park_pointer
+    settle
+    local centre
+    centre=$(orange_buttons "$1" | sed -n "$2p")
+    [ -n "$centre" ] || fail "there is no orange button number $2 in the window"
+    geometry "$1"
+    xdotool mousemove $((X + ${centre% *})) $((Y + ${centre#* })) click 1
+    park_pointer
+}
