@@ -26,7 +26,7 @@ struct Progress
 /// Announces a stage; any number may be cast to the enumeration.
 struct Stage
 {
-    vlupd::UPD_INSTALLATION_STAGE stage = vlupd::STAGE_PLANNING;
+    vlupd::UPD_INSTALLATION_STAGE stage{};
 };
 
 /// Writes one line to the log buffer.
