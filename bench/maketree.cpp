@@ -1,0 +1,120 @@
+// Makes the folders that the benchmarks work on. Equal arguments give equal bytes.
+//   bench_maketree release FOLDER   a release of 1 GiB: 3,000 small files, 40 of some MB, 2 large
+//   bench_maketree sample FOLDER    a release of a few small files
+//   bench_maketree many FOLDER      100,000 small files in 1,000 folders
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::uint64_t mebibyte = 1U << 20U;
+
+/// The bytes of a simulator's data, about half of them compressible: noise between pieces of text.
+class Content final
+{
+public:
+    void write(const fs::path& path, std::uint64_t size)
+    {
+        fs::create_directories(path.parent_path());
+        std::ofstream file(path, std::ios::binary);
+        while (size > 0) {
+            const std::uint64_t piece = std::min<std::uint64_t>(size, m_block.size());
+            fillBlock();
+            file.write(m_block.data(), static_cast<std::streamsize>(piece));
+            size -= piece;
+        }
+        file.close();
+        if (!file)
+            throw std::runtime_error("cannot write " + path.string());
+    }
+    std::uint64_t number(std::uint64_t low, std::uint64_t high)
+    {
+        return low + m_random() % (high - low + 1);
+    }
+
+private:
+    void fillBlock()
+    {
+        static constexpr std::array<std::string_view, 8> words = {
+            "aileron ", "rudder ", "throttle ", "altitude ",
+            "0.0 ",     "1.25 ",   "vertex\n",  "normal\n"};
+        std::size_t at = 0;
+        if (m_random() % 2 == 0) {
+            for (; at < m_block.size(); at += sizeof(std::uint64_t)) {
+                const std::uint64_t noise = m_random();
+                std::copy_n(reinterpret_cast<const char*>(&noise), sizeof(noise), &m_block[at]);
+            }
+            return;
+        }
+        while (at < m_block.size()) {
+            const std::string_view word = words[m_random() % words.size()];
+            at += word.copy(&m_block[at], m_block.size() - at);
+        }
+    }
+
+    std::mt19937_64 m_random{20240607};
+    std::array<char, 8192> m_block{};
+};
+
+void makeRelease(const fs::path& folder)
+{
+    Content content;
+    std::uint64_t left = 1024 * mebibyte;
+    const auto add = [&](const std::string& name, std::uint64_t size) {
+        content.write(folder / name, size);
+        left -= size;
+    };
+    for (int i = 0; i < 3000; ++i)
+        add("data/" + std::to_string(i / 100) + "/object" + std::to_string(i) + ".dat",
+            content.number(0, 100U << 10U));
+    for (int i = 0; i < 40; ++i)
+        add("terrain/tile" + std::to_string(i) + ".bin", content.number(2, 12) * mebibyte + 1);
+    add("models/fleet.pak", left / 2);
+    add("models/airports.pak", left);
+}
+
+void makeSample(const fs::path& folder)
+{
+    Content content;
+    content.write(folder / "simulator", 20000);
+    content.write(folder / "data/world.dat", mebibyte);
+}
+
+void makeMany(const fs::path& folder)
+{
+    Content content;
+    for (int i = 0; i < 100000; ++i)
+        content.write(folder / std::to_string(i / 100) / (std::to_string(i) + ".dat"),
+                      content.number(0, 200));
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    const std::string_view kind = argc == 3 ? argv[1] : "";
+    try {
+        if (kind == "release")
+            makeRelease(argv[2]);
+        else if (kind == "sample")
+            makeSample(argv[2]);
+        else if (kind == "many")
+            makeMany(argv[2]);
+        else
+            throw std::runtime_error("usage: bench_maketree release|sample|many FOLDER");
+    } catch (const std::exception& error) {
+        std::cerr << error.what() << '\n';
+        return 1;
+    }
+    return 0;
+}
