@@ -55,12 +55,14 @@ private:
     void deleteInstalledVersion();
     void onShowSpecialStateChanged(Qt::CheckState state);
     void setActionButtonsEnabled(bool enabled);
+    void showInstallationPath(const QString& text);
     void showSettingsStatus(const QString& text);
 
     // menudialog_report.cpp
     void attachFiles();
     void sendReport();
     void showReportStatus(const QString& text);
+    void hideReportStatus();
 
     // menudialog_history.cpp
     bool buildVersionHistory();
