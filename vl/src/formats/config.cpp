@@ -1,6 +1,5 @@
 #include "vl/src/formats/config.h"
 
-#include "vl/src/formats/utf8path.h"
 #include "vl/src/platform/file.h"
 
 #include <nlohmann/json.hpp>
@@ -77,10 +76,10 @@ Expected<Config> readConfig(const std::filesystem::path& root)
     const std::filesystem::path path = root / "vl.json";
     auto text = readWholeFile(path, maxConfigSize);
     if (!text)
-        return fault("configuration " + utf8FromPath(path) + ": " + text.error().message);
+        return fault("configuration " + toUtf8(path) + ": " + text.error().message);
     auto config = parseConfig(*text);
     if (!config)
-        return failure("configuration " + utf8FromPath(path), std::move(config.error()));
+        return failure("configuration " + toUtf8(path), std::move(config.error()));
     return config;
 }
 
