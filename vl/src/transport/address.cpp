@@ -56,6 +56,8 @@ std::string schemeOf(const std::string& text)
 
 std::string withoutCredentials(const std::string& address)
 {
+    if (schemeOf(address).empty())
+        return address;
     const Expected<Url> url = parse(address);
     if (!url)
         return "(unreadable address)";

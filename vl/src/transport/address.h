@@ -10,7 +10,7 @@ namespace vl {
 /// The scheme of an address in lower case, or an empty text when `text` is a folder.
 std::string schemeOf(const std::string& text);
 
-/// `address` without user name and password, for log lines.
+/// `address` without user name and password, for log lines. A folder is given back as it is.
 std::string withoutCredentials(const std::string& address);
 
 /// Whether `address` can be read as an http or https address. The message names what is wrong.

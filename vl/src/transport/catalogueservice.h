@@ -28,6 +28,7 @@ public:
         std::chrono::milliseconds withoutSaved{10000};
         /// No call touches the network for this long after a failure.
         std::chrono::milliseconds pauseAfterFailure{60000};
+        SourceOptions transport{};
     };
 
     /// `root`: the library's root; `readOnly`: nothing is saved there.
@@ -35,14 +36,18 @@ public:
     CatalogueService(std::filesystem::path root, bool readOnly, Log& log);
     /// Ends the helper thread at once; never waits for the network.
     ~CatalogueService();
+    CatalogueService(const CatalogueService&) = delete;
+    CatalogueService& operator=(const CatalogueService&) = delete;
 
     /// The newest verified catalogue. Asks the service within the budget; `fresh`: the caller is
     /// about to install and may wait the whole budget again, the pause after a failure apart.
-    /// Any thread.
+    /// Any thread. A failure is that of the service, when no verified catalogue is on the disk:
+    /// RSYNC_ERROR, CONTENT_LEN_ERROR, or UPDATER_DATA_ERROR for anything that cannot be believed.
     Expected<std::shared_ptr<const Catalogue>> catalogue(bool fresh);
 
     /// The manifest of a version of `catalogue`, from the disk (manifests/<hash>.json) or fetched,
-    /// its hash verified, saved on the disk. NOT_FOUND for a version the catalogue does not list.
+    /// its hash verified, saved on the disk. NOT_FOUND for a version the catalogue does not list,
+    /// CONTENT_LEN_ERROR or BROKEN_OR_MISSING when other bytes than the signed ones arrive, twice.
     Expected<Manifest> manifest(const Catalogue& catalogue, const std::string& version,
                                 Source& source, Operation& operation);
 
