@@ -9,10 +9,20 @@
 
 int main(int argc, char* argv[])
 {
-    QApplication application(argc, argv);
+    installLogging();
+    const QApplication application(argc, argv);
     QApplication::setStyle(QStringLiteral("windows"));
     loadResources();
+
     MainWindow window;
     window.show();
-    return QApplication::exec();
+    const int result = QApplication::exec();
+    if (window.isInstalling()) {
+        // The installation cannot be cancelled and nothing may wait for it: the process ends under
+        // it, and the library takes up the rest at the next start.
+        SettingsStore::instance().sync();
+        flushLog();
+        std::_Exit(result);
+    }
+    return result;
 }

@@ -4,6 +4,7 @@
 #include <QGraphicsOpacityEffect>
 #include <QKeyEvent>
 #include <QRegularExpression>
+#include <QStyle>
 
 namespace {
 
