@@ -27,14 +27,14 @@ std::vector<Attachment> readAttachments(const QStringList& paths)
             continue;
         }
         const QString name = path.split(QLatin1Char('/')).constLast();
+        // An empty file gives a null array, which is written as such.
         attachments.emplace_back(name.toUtf8(), file.readAll());
     }
     return attachments;
 }
 
-} // namespace
-
-QByteArray composeBugReportMessage(const BugReport& report)
+/// The whole message as it goes over the wire.
+QByteArray composeMessage(const BugReport& report)
 {
     const QByteArray texts[] = {
         report.subject.toUtf8(),
@@ -66,6 +66,8 @@ QByteArray composeBugReportMessage(const BugReport& report)
     return message;
 }
 
+} // namespace
+
 void writeAll(QIODevice& device, const QByteArray& data)
 {
     // The array itself, not a pointer into it: a socket then shares its memory.
@@ -87,7 +89,7 @@ bool sendBugReport(const BugReport& report)
         return false;
     }
     QObject::connect(socket, SIGNAL(disconnected()), socket, SLOT(deleteLater()));
-    writeAll(*socket, composeBugReportMessage(report));
+    writeAll(*socket, composeMessage(report));
     // Small reports are gone when this returns, even if no event loop runs afterwards. The rest
     // stays in the socket's write buffer, which outlives close() and is sent by the event loop.
     socket->flush();

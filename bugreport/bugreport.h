@@ -23,8 +23,5 @@ struct BugReport
 /// while the message is built. Needs a thread with an event loop.
 bool sendBugReport(const BugReport& report);
 
-/// The whole message as it goes over the wire, length included.
-QByteArray composeBugReportMessage(const BugReport& report);
-
 /// Writes `data` to `device`, going on after short writes; ends early when a write takes nothing.
 void writeAll(QIODevice& device, const QByteArray& data);

@@ -12,8 +12,6 @@ constexpr quint32 nullLength = 0xFFFFFFFF;
 
 ReportParser::Status ReportParser::feed(QByteArrayView bytes)
 {
-    if (m_status == Status::Complete && !bytes.isEmpty())
-        fail(QStringLiteral("bytes follow the end of the message"));
     while (m_status == Status::Incomplete && !bytes.isEmpty()) {
         const QByteArrayView part = bytes.first(qMin(m_expected, bytes.size()));
         bytes = bytes.sliced(part.size());
@@ -29,6 +27,8 @@ ReportParser::Status ReportParser::feed(QByteArrayView bytes)
             finishField();
         }
     }
+    if (m_status == Status::Complete && !bytes.isEmpty())
+        fail(QStringLiteral("bytes follow the end of the message"));
     return m_status;
 }
 
