@@ -46,7 +46,7 @@ public:
     /// Asks the system to begin writing a range to the disk; a hint that never fails or waits long.
     void startWriteback(std::uint64_t offset, std::uint64_t size);
     /// Writes a range to the disk and waits for it. Durable only after syncVolume().
-    Expected<void> flushRange(std::uint64_t offset, std::uint64_t size);
+    Expected<void> flushRange(std::uint64_t offset, std::uint64_t size) const;
     /// On the disk when it returns.
     Expected<void> sync();
     bool isOpen() const { return m_handle != closedHandle; }
@@ -80,7 +80,8 @@ Expected<std::vector<TreeEntry>> listDirectory(const std::filesystem::path& path
 /// Everything below `path`, links not followed, a folder before what lies in it.
 Expected<std::vector<TreeEntry>> listTree(const std::filesystem::path& path);
 
-/// The whole file, refused above `maxSize` bytes. NOT_FOUND when it does not exist.
+/// The whole file, refused above `maxSize` bytes (CONTENT_LEN_ERROR). NOT_FOUND when it does not
+/// exist.
 Expected<std::string> readWholeFile(const std::filesystem::path& path, std::uint64_t maxSize);
 /// Replaces `path` by `text` in one step: a crash leaves the old text or the new one.
 Expected<void> writeWholeFile(const std::filesystem::path& path, std::string_view text);

@@ -164,7 +164,7 @@ void File::startWriteback(std::uint64_t offset, std::uint64_t size)
 #endif
 }
 
-Expected<void> File::flushRange(std::uint64_t offset, std::uint64_t size)
+Expected<void> File::flushRange(std::uint64_t offset, std::uint64_t size) const
 {
     if (const auto fault = fileFault(FileOperation::Sync, m_path))
         return fileFailure("flush", m_path, *fault);

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "vl/src/error.h"
+#include "vl/src/install/records.h"
+#include "vl/src/operation/operation.h"
+
+#include <chrono>
+
+// What whoever holds the lock does beside its own work: ending what was interrupted and clearing
+// what the state does not name. Nothing here is needed for the installed version to be whole, so
+// failures are logged and left to the next one who takes the lock.
+namespace vl {
+
+/// The state on the disk, written anew when it had to be repaired. The caller holds the lock.
+Expected<State> takeOverState(const RootLayout& layout, Operation& operation);
+
+/// Moves the user's files out of superseded folders, removes these, interrupted installations,
+/// trash, manifests that nothing names and temporary files. The caller holds the lock.
+void tidyUp(const RootLayout& layout, const State& state, Operation& operation);
+
+/// Removes download files older than `age` except the one that the journal names, which may be
+/// 14 days old. False when a file could not be removed. The caller holds the lock.
+bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operation& operation);
+
+/// Removes every download file but `kept`, for the sake of space.
+void removeOtherDownloads(const RootLayout& layout, const std::filesystem::path& kept,
+                          Operation& operation);
+
+/// Puts the folder of a version aside under its trash name; not an error when there is none.
+Expected<void> moveToTrash(const RootLayout& layout, const TreeId& id);
+
+} // namespace vl

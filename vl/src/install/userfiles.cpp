@@ -1,0 +1,57 @@
+#include "vl/src/install/userfiles.h"
+
+#include "vl/src/platform/file.h"
+
+#include <string>
+#include <string_view>
+
+namespace vl {
+
+namespace {
+
+// A place for the user's file `path` below `root` that takes nothing from the new version: every
+// component whose name is taken by something it cannot share gets ".user" behind it.
+Expected<std::filesystem::path> freePlace(const std::filesystem::path& root,
+                                          const std::filesystem::path& path)
+{
+    std::filesystem::path place = root;
+    for (auto component = path.begin(); component != path.end(); ++component) {
+        const bool last = std::next(component) == path.end();
+        place /= *component;
+        for (;;) {
+            const auto taken = fileInfo(place);
+            if (!taken)
+                return tl::unexpected(taken.error());
+            if (!*taken || (!last && (*taken)->kind == FileKind::Directory))
+                break;
+            place += ".user";
+        }
+    }
+    return place;
+}
+
+} // namespace
+
+Expected<void> carryUserFiles(const std::filesystem::path& from, const Manifest& manifest,
+                              const std::filesystem::path& to, Operation& operation)
+{
+    const auto entries = listTree(from);
+    if (!entries)
+        return tl::unexpected(entries.error());
+    for (const TreeEntry& entry : *entries) {
+        if (entry.info.kind == FileKind::Directory || manifest.find(entry.path) != nullptr)
+            continue;
+        const std::filesystem::path path = fromUtf8(entry.path);
+        const auto place = freePlace(to, path);
+        if (!place)
+            return tl::unexpected(place.error());
+        if (auto made = makeDirectories(place->parent_path()); !made)
+            return made;
+        if (auto moved = renameReplacing(from / path, *place); !moved)
+            return moved;
+        operation.say("kept the user's file " + toUtf8(*place));
+    }
+    return {};
+}
+
+} // namespace vl
