@@ -39,8 +39,8 @@ desktop_start() {
     export QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR=$scale LC_ALL=C.UTF-8
     export XDG_RUNTIME_DIR=$desktop_work/runtime
     mkdir -m 700 "$XDG_RUNTIME_DIR"
-    display -window root "xc:#30363d" 2>/dev/null || true
-    openbox 2>"$desktop_work/openbox.log" &
+    display -size 64x64 -window root "xc:#30363d" 2>/dev/null || true
+    openbox >"$desktop_work/openbox.log" 2>&1 &
     desktop_processes+=($!)
     wait_until 20 "the window manager" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q window'
 }
@@ -51,17 +51,23 @@ launcher_start() {
     log_mark
     (cd / && exec "$1/varnel-launcher") 2>"$desktop_work/launcher.log" &
     launcher=$!
-    wait_until 30 "the launcher's window" window_named '^Varnel Simulator$'
+    wait_until 30 "the launcher's window" launcher_shown_or_gone
+    launcher_gone && fail "the launcher ended at once: $(cat "$desktop_work/launcher.log")"
     main_window=$(window_named '^Varnel Simulator$')
     settle
 }
 
+launcher_gone() { ! kill -0 "$launcher" 2>/dev/null; }
+launcher_shown_or_gone() { window_named '^Varnel Simulator$' || launcher_gone; }
 window_named() { xdotool search --onlyvisible --name "$1" 2>/dev/null | tail -n 1 | grep .; }
 dialog() { window_named '^Dialog$'; }
 no_dialog() { ! dialog; }
 simulator_processes() { [ -z "${log:-}" ] || pgrep -f "^${log%/*}/.*/sample-simulator" || true; }
 
-log_mark() { log_start=$(($(wc -c <"$log" 2>/dev/null || echo 0) + 1)); }
+log_mark() {
+    log_start=1
+    [ ! -f "$log" ] || log_start=$(($(wc -c <"$log") + 1))
+}
 log_says() { tail -c "+$log_start" "$log" 2>/dev/null | grep -qE -- "$1"; }
 
 # The picture of the desktop stands still: what was pressed has been drawn.
