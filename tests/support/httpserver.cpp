@@ -135,7 +135,6 @@ void HttpServer::reset()
     m_faults.clear();
     m_counts.clear();
     m_released = false;
-    m_stalled = 0;
 }
 
 void HttpServer::release()
@@ -375,9 +374,9 @@ bool HttpServer::sendBody(int socket, const Request& request, const Answer& answ
     std::uint64_t sent = 0;
     while (sent < total) {
         std::uint64_t size = std::min<std::uint64_t>(piece.size(), total - sent);
-        if (fault.stallAfter && sent == *fault.stallAfter)
-            stall(socket);
-        else if (fault.stallAfter && sent < *fault.stallAfter)
+        if (fault.stallAfter && sent == *fault.stallAfter && !stall(socket))
+            return false;
+        if (fault.stallAfter && sent < *fault.stallAfter)
             size = std::min(size, *fault.stallAfter - sent);
         if (fault.cutAfter) {
             size = std::min(size, *fault.cutAfter - sent);
@@ -416,22 +415,22 @@ bool HttpServer::sendCounted(int socket, const std::string& path, const char* by
     return true;
 }
 
-void HttpServer::stall(int socket)
+bool HttpServer::stall(int socket)
 {
     std::unique_lock lock(m_mutex);
     ++m_stalled;
     m_changed.notify_all();
-    while (!m_stopping && !m_released) {
+    bool hungUp = false;
+    while (!m_stopping && !m_released && !hungUp) {
         lock.unlock();
         // A client that hung up frees the thread.
         pollfd watched{socket, POLLRDHUP, 0};
-        const bool hungUp = ::poll(&watched, 1, 0) > 0;
+        hungUp = ::poll(&watched, 1, 0) > 0;
         lock.lock();
-        if (hungUp)
-            break;
         m_changed.wait_for(lock, std::chrono::milliseconds(20));
     }
     --m_stalled;
+    return !hungUp;
 }
 
 } // namespace testsupport

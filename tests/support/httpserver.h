@@ -103,7 +103,8 @@ private:
     bool sendBody(int socket, const Request& request, const Answer& answer,
                   const Misbehaviour& fault);
     bool sendCounted(int socket, const std::string& path, const char* bytes, std::size_t size);
-    void stall(int socket);
+    /// False when the client hung up meanwhile.
+    bool stall(int socket);
 
     std::filesystem::path m_folder;
     int m_listener = -1;

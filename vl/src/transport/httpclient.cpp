@@ -293,8 +293,9 @@ void HttpClient::Handles::prepare(const HttpRequest& request, const SourceOption
         const auto limit =
             static_cast<curl_off_t>(std::min<std::uint64_t>(request.maxBytesPerSecond, INT64_MAX));
         curl_easy_setopt(easy, CURLOPT_MAX_RECV_SPEED_LARGE, limit);
-        // Small pieces under a limit, so that progress moves evenly.
-        buffer = static_cast<long>(std::clamp<curl_off_t>(limit / 20, 1024, bufferSize));
+        // libcurl fills its buffer up to a hundred times before it looks at the limit again:
+        // together that is to be no more than a twentieth of a second.
+        buffer = static_cast<long>(std::clamp<curl_off_t>(limit / 2000, 1024, bufferSize));
     }
     curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, buffer);
     if (request.range) {

@@ -57,6 +57,7 @@ private:
     File m_file;
     Operation& m_operation;
     const FrameReady& m_frameReady;
+    std::size_t m_present = 0;    ///< frames in the part file at the start
     std::size_t m_frame = 0;      ///< the first one that is not ready
     std::uint64_t m_position = 0; ///< of the next byte to arrive
     std::uint64_t m_counted = 0;  ///< bytes up to here stand in the progress
@@ -70,12 +71,13 @@ Expected<void> Download::run()
     if (!size)
         return tl::unexpected(size.error());
     const auto [present, end] = wholeFrames(m_pack, *size);
+    m_present = present;
     m_counted = end;
     if (*size > end) {
         if (Expected<void> cut = m_file.truncate(end); !cut)
             return cut;
     }
-    while (m_frame < present) {
+    while (m_frame < m_present) {
         const Frame& frame = m_pack.frames[m_frame];
         const Expected<bool> whole = isWhole(frame);
         if (!whole)
@@ -173,6 +175,11 @@ Expected<void> Download::finishFrame()
     const Frame& frame = m_pack.frames[m_frame];
     if (m_hasher.finish() != frame.hash) {
         m_damaged = true;
+        // What lies there next time should count for what it is worth.
+        if (m_frame >= m_present) {
+            if (Expected<void> cut = m_file.truncate(frame.offset); !cut)
+                return cut;
+        }
         return failure(vlupd::BROKEN_OR_MISSING,
                        m_source.describe() + '/' + m_path + ": the frame of " +
                            std::to_string(frame.size) + " bytes at byte " +

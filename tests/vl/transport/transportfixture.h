@@ -1,0 +1,51 @@
+#pragma once
+
+#include "tests/support/httpserver.h"
+#include "vl/src/transport/source.h"
+
+#include <QTemporaryDir>
+
+#include <sstream>
+
+/// A repository folder, the misbehaving server in front of it and a root beside it.
+class TransportFixture
+{
+public:
+    TransportFixture();
+
+    std::filesystem::path folder() const { return m_folder; }
+    std::filesystem::path root() const { return m_root; }
+    testsupport::HttpServer& server() { return *m_server; }
+
+    void write(const std::string& path, const std::string& text) const;
+    /// A source for `repository`; empty: the server.
+    std::unique_ptr<vl::Source> open(const std::string& repository = {},
+                                     const vl::SourceOptions& options = impatient(),
+                                     std::uint64_t maxBytesPerSecond = 0) const;
+
+    /// Pauses of a few milliseconds, two retries.
+    static vl::SourceOptions impatient();
+    /// `size` bytes without a pattern, the same in every run.
+    static std::string noise(std::size_t size, unsigned seed = 1);
+
+private:
+    QTemporaryDir m_directory;
+    std::filesystem::path m_folder;
+    std::filesystem::path m_root;
+    std::unique_ptr<testsupport::HttpServer> m_server;
+};
+
+/// An operation whose log lines can be read.
+class LoggedOperation
+{
+public:
+    explicit LoggedOperation(vl::Operation::Progress progress = {});
+    vl::Operation& operator*() { return m_operation; }
+    vl::Operation* operator->() { return &m_operation; }
+    std::string lines();
+
+private:
+    vl::Log m_log;
+    std::stringbuf m_buffer;
+    vl::Operation m_operation;
+};
