@@ -12,6 +12,7 @@
 #include <QProgressBar>
 
 #include <cstdint>
+#include <initializer_list>
 #include <iostream>
 #include <vector>
 
@@ -80,9 +81,10 @@ int main(int argc, char** argv)
     }
     // As during an installation.
     bar->setRange(0, 100);
-    for (QWidget* widget :
-         {static_cast<QWidget*>(size), static_cast<QWidget*>(time), static_cast<QWidget*>(bar)})
-        widget->setVisible(true);
+    for (QWidget* part : std::initializer_list<QWidget*>{size, time, bar}) {
+        for (QWidget* widget = part; widget != &window; widget = widget->parentWidget())
+            widget->setVisible(true);
+    }
     window.show();
     QApplication::processEvents();
 
