@@ -7,6 +7,7 @@ namespace vl {
 namespace {
 
 // Verification results of OpenSSL (x509_vfy.h) that libcurl passes on in this number.
+constexpr long notVerified = 1; // libcurl's start value: the name was refused before
 constexpr long certificateNotYetValid = 9;
 constexpr long certificateExpired = 10;
 
@@ -16,6 +17,7 @@ const char* certificateFault(CURL* easy)
     curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &result);
     switch (result) {
     case 0:
+    case notVerified:
         return "the server's certificate is not for this server";
     case certificateNotYetValid:
     case certificateExpired:
