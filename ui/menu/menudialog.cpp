@@ -5,6 +5,7 @@
 #include "updates/updater.h"
 
 #include <QMouseEvent>
+#include <QTextDocument>
 
 namespace {
 
@@ -46,6 +47,9 @@ MenuDialog::MenuDialog(QWidget* parent) : QDialog(parent), ui(std::make_unique<U
             [this](int state) { onShowSpecialStateChanged(static_cast<Qt::CheckState>(state)); });
 #endif
 
+    // The fields' fixed heights leave no room for the documents' usual margins.
+    ui->reportHeaderTextEdit->document()->setDocumentMargin(1);
+    ui->installationPathTextEdit->document()->setDocumentMargin(0);
     ui->settingsStatusLabel->hide();
     ui->reportStatusLabel->hide();
     ui->changeInstallationPathButton->hide();
