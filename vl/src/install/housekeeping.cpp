@@ -42,6 +42,8 @@ bool retire(const RootLayout& layout, const InstalledTree& tree, const State& st
         const auto current = readSavedManifest(layout, *state.installed);
         if (!current)
             return logged(tl::unexpected(current.error()), operation);
+        if (!old && old.error().code == vlupd::SYSTEM_CALL_ERROR)
+            return logged(tl::unexpected(old.error()), operation);
         // Without its own manifest nothing tells the user's files from the old version's: all
         // that the new version does not bring itself are kept rather than lost.
         const auto carried = carryUserFiles(layout.tree(tree.id), old ? *old : *current,
@@ -82,6 +84,13 @@ void clearManifests(const RootLayout& layout, const std::set<std::filesystem::pa
             !kept.contains(path) && !isTemporaryName(entry.path))
             logged(removeFile(path), operation);
     }
+}
+
+// What the journal tells of has ended well.
+void forgetDownload(const RootLayout& layout, const Journal& journal, Operation& operation)
+{
+    if (logged(removeFile(layout.partFile(journal.pack)), operation))
+        logged(removeFile(layout.journalFile()), operation);
 }
 
 void clearTemporaries(const RootLayout& layout, Operation& operation)
@@ -128,8 +137,12 @@ void tidyUp(const RootLayout& layout, const State& state, Operation& operation)
             if (!durable || !retire(layout, tree, state, operation))
                 keep(tree);
     }
-    if (const auto journal = readJournal(layout))
-        keptManifests.insert(savedManifestPath(layout.root(), journal->manifest));
+    if (const auto journal = readJournal(layout)) {
+        if (state.installed && state.installed->id == journal->tree.id)
+            forgetDownload(layout, *journal, operation);
+        else
+            keptManifests.insert(savedManifestPath(layout.root(), journal->tree.manifest));
+    }
     clearVersions(layout, keptFolders, operation);
     clearManifests(layout, keptManifests, operation);
     clearTemporaries(layout, operation);

@@ -15,7 +15,8 @@ namespace vl {
 Expected<State> takeOverState(const RootLayout& layout, Operation& operation);
 
 /// Moves the user's files out of superseded folders, removes these, interrupted installations,
-/// trash, manifests that nothing names and temporary files. The caller holds the lock.
+/// the downloads of the one that ended well, trash, manifests that nothing names and temporary
+/// files. The caller holds the lock.
 void tidyUp(const RootLayout& layout, const State& state, Operation& operation);
 
 /// Removes download files older than `age` except the one that the journal names, which may be

@@ -49,7 +49,6 @@ private:
     Expected<void> flush();
     Expected<void> commit();
     void discardTree();
-    void finish();
 
     const RootLayout& m_layout;
     CatalogueService& m_catalogues;
@@ -83,7 +82,8 @@ Expected<vlupd::UPD_RESULT> Installation::run(const std::string& version)
         discardTree();
         return tl::unexpected(std::move(done).error());
     }
-    finish();
+    tidyUpInBackground(m_layout, m_state, m_operation);
+    m_operation.endStage();
     return vlupd::OK;
 }
 
@@ -149,8 +149,7 @@ Expected<void> Installation::makeRoom()
                                                      toUtf8(m_layout.root()) + ": " +
                                                      std::to_string(needed) + " bytes needed, " +
                                                      std::to_string(*available) + " free");
-    return writeJournal(m_layout, {m_new.id.version, m_new.manifest, m_manifest.pack.hash,
-                                   std::chrono::system_clock::now()});
+    return writeJournal(m_layout, {m_new, m_manifest.pack.hash, std::chrono::system_clock::now()});
 }
 
 Expected<void> Installation::fill()
@@ -219,15 +218,6 @@ void Installation::discardTree()
     for (const auto& removed : {removeFile(m_layout.sidecar(m_new.id)), removeTree(m_tree)})
         if (!removed)
             m_operation.say(removed.error().message + "; tried again later");
-}
-
-void Installation::finish()
-{
-    for (const auto& removed : {removeFile(m_layout.journalFile()), removeFile(m_partFile)})
-        if (!removed)
-            m_operation.say(removed.error().message + "; tried again later");
-    tidyUpInBackground(m_layout, m_state, m_operation);
-    m_operation.endStage();
 }
 
 } // namespace

@@ -257,25 +257,23 @@ std::optional<Journal> readJournal(const RootLayout& layout)
     const auto record = readRecord(layout.journalFile());
     if (!record)
         return std::nullopt;
-    const auto version = textMember(*record, "version");
-    const auto manifest = hashMember(*record, "manifest");
+    auto tree = treeFromJson(*record);
     const auto pack = hashMember(*record, "pack");
     const auto when = numberMember(*record, "when");
-    if (!version || !manifest || !pack || !when || *when > UINT32_MAX)
+    if (!tree || !pack || !when || *when > UINT32_MAX)
         return std::nullopt;
     const std::chrono::system_clock::time_point time{std::chrono::seconds(*when)};
-    return Journal{*version, *manifest, *pack, time};
+    return Journal{std::move(*tree), *pack, time};
 }
 
 Expected<void> writeJournal(const RootLayout& layout, const Journal& journal)
 {
     using namespace std::chrono;
     const auto seconds = duration_cast<std::chrono::seconds>(journal.when.time_since_epoch());
-    return writeRecord(layout.journalFile(),
-                       {{"version", journal.version},
-                        {"manifest", toHex(journal.manifest)},
-                        {"pack", toHex(journal.pack)},
-                        {"when", static_cast<std::uint64_t>(seconds.count())}});
+    Json record = toJson(journal.tree);
+    record["pack"] = toHex(journal.pack);
+    record["when"] = static_cast<std::uint64_t>(seconds.count());
+    return writeRecord(layout.journalFile(), std::move(record));
 }
 
 } // namespace vl

@@ -57,8 +57,7 @@ Expected<Manifest> readSavedManifest(const RootLayout& layout, const InstalledTr
 /// An installation that has begun and not ended well.
 struct Journal
 {
-    std::string version;
-    Hash manifest{};
+    InstalledTree tree; ///< what it was making
     Hash pack{};
     std::chrono::system_clock::time_point when;
 };

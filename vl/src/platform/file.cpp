@@ -119,7 +119,7 @@ Expected<std::vector<TreeEntry>> listDirectory(const fs::path& path)
     std::vector<TreeEntry> entries;
     std::error_code error;
     fs::directory_iterator iterator(path, error);
-    if (error == std::errc::no_such_file_or_directory)
+    if (error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory)
         return entries;
     for (; !error && iterator != fs::directory_iterator(); iterator.increment(error)) {
         const auto info = fileInfo(iterator->path());
@@ -150,7 +150,7 @@ Expected<std::string> readWholeFile(const fs::path& path, std::uint64_t maxSize)
     if (!size)
         return tl::unexpected(size.error());
     if (*size > maxSize)
-        return failure(vlupd::SYSTEM_CALL_ERROR,
+        return failure(vlupd::CONTENT_LEN_ERROR,
                        "cannot read " + toUtf8(path) + ": it has " + std::to_string(*size) +
                            " bytes, more than the allowed " + std::to_string(maxSize));
     std::string text(static_cast<std::size_t>(*size), '\0');
