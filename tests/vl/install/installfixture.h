@@ -1,0 +1,103 @@
+#pragma once
+
+#include "vlupd/vlupd.h"
+
+#include <QTemporaryDir>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <set>
+#include <streambuf>
+#include <string>
+#include <vector>
+
+/// What a folder holds: the contents of its files by path.
+using Files = std::map<std::string, std::string>;
+
+Files filesIn(const std::filesystem::path& folder);
+void writeFile(const std::filesystem::path& path, const std::string& contents);
+
+/// `size` bytes that compress a little and are the same in every run.
+std::string someBytes(std::size_t size, unsigned seed);
+
+/// A temporary folder. `inMemory`: where flushing costs nothing, if the system has such a place.
+QTemporaryDir temporaryFolder(bool inMemory = false);
+std::filesystem::path pathOf(const QTemporaryDir& folder);
+
+/// A release repository that is made anew for each test program.
+class Releases final
+{
+public:
+    explicit Releases(bool inMemory = false);
+
+    /// Publishes `files`; "bin/simulator" is the executable "default_exec".
+    void publish(const std::string& version, const Files& files);
+    const Files& files(const std::string& version) const { return m_files.at(version); }
+    std::filesystem::path folder() const { return pathOf(m_directory) / "repository"; }
+    const std::string& publicKey() const { return m_publicKey; }
+    /// Repository path ("/packs/...") and size of a version's pack.
+    std::pair<std::string, std::uint64_t> pack(const std::string& version) const;
+
+private:
+    QTemporaryDir m_directory;
+    std::string m_publicKey;
+    std::map<std::string, Files> m_files;
+};
+
+/// A root directory with its vl.json.
+class Root final
+{
+public:
+    /// `repository`: empty for the folder of `releases` itself.
+    explicit Root(const Releases& releases, const std::string& repository = {},
+                  bool inMemory = false);
+
+    std::filesystem::path path() const { return pathOf(m_directory); }
+    /// Everything below that an ended operation may leave behind for ever is gone again.
+    QString leftovers() const;
+    std::set<std::string> partFiles() const;
+
+private:
+    QTemporaryDir m_directory;
+};
+
+/// Takes log lines as the launcher's buffer does: text up to the NUL, one line per write.
+class LogLines final : public std::streambuf
+{
+public:
+    std::string text() const;
+    bool contains(const std::string& words) const { return text().find(words) != text().npos; }
+    std::vector<std::string> lines;
+
+protected:
+    std::streamsize xsputn(const char* text, std::streamsize count) override;
+    int_type overflow(int_type character) override;
+};
+
+/// Takes the reports of an installation; `goOn` decides what the callback answers.
+struct Recorder
+{
+    struct Report
+    {
+        int stage = -1;
+        std::uint64_t speed = 0;
+        std::uint64_t done = 0;
+        std::uint64_t total = 0;
+    };
+
+    std::vector<Report> reports;
+    std::vector<int> stages;
+    std::function<bool(const Report&)> goOn = [](const Report&) { return true; };
+
+    std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> progress();
+    std::function<void(vlupd::UPD_INSTALLATION_STAGE)> stage();
+    /// What is wrong with order, monotony, first and last reports of a whole installation.
+    QString fault() const;
+};
+
+/// What breaks the promise that afterwards one of `allowed` is installed and whole ("": none may
+/// be installed), and that checkFiles tells the truth; empty when it is kept.
+QString promiseFault(const Root& root, const Releases& releases,
+                     const std::set<std::string>& allowed);
