@@ -1,0 +1,61 @@
+#include "updates/simulatorprocesshelper.h"
+
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
+#include <QTest>
+
+class TestSimulator : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void starts_data();
+    void starts();
+    void cannotStart();
+};
+
+void TestSimulator::starts_data()
+{
+    QTest::addColumn<bool>("relative");
+    QTest::newRow("absolute path") << false;
+    QTest::newRow("path from the current folder") << true;
+}
+
+void TestSimulator::starts()
+{
+    QFETCH(bool, relative);
+    const QTemporaryDir folder;
+    const QDir installed(folder.filePath(QStringLiteral("версия 1")));
+    QVERIFY(installed.mkpath(QStringLiteral("bin")));
+    const QString program = installed.filePath(QStringLiteral("bin/симулятор"));
+    QFile script(program);
+    // Says where it runs and with how many arguments; renamed when it is complete.
+    QVERIFY(script.open(QIODevice::WriteOnly) &&
+            script.write("#!/bin/sh\n(pwd; echo $#) > new && mv new started\n") > 0);
+    script.close();
+    QVERIFY(script.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::WriteGroup));
+
+    startSimulator((relative ? QDir::current().relativeFilePath(program) : program).toStdString(),
+                   installed);
+
+    QFile started(installed.filePath(QStringLiteral("started")));
+    QTRY_VERIFY(started.exists());
+    QVERIFY(started.open(QIODevice::ReadOnly));
+    QCOMPARE(QString::fromUtf8(started.readAll()), QString(installed.absolutePath() + u"\n0\n"));
+    // What the user of the test may do on top is not the file's.
+    QCOMPARE(script.permissions() & ~(QFile::ReadUser | QFile::WriteUser | QFile::ExeUser),
+             QFile::ReadOwner | QFile::ExeOwner | QFile::ReadGroup | QFile::ExeGroup |
+                 QFile::ReadOther | QFile::ExeOther);
+}
+
+void TestSimulator::cannotStart()
+{
+    const QTemporaryDir folder;
+    startSimulator(folder.filePath(QStringLiteral("missing")).toStdString(), QDir(folder.path()));
+    startSimulator(folder.path().toStdString(), QDir(folder.filePath(QStringLiteral("missing"))));
+    QVERIFY(QDir(folder.path()).isEmpty());
+}
+
+QTEST_GUILESS_MAIN(TestSimulator)
+#include "tst_simulator.moc"
