@@ -23,6 +23,7 @@ void ReplyWindow::setReplyText(const QString& text)
         return;
     }
     ui->replyLabel->setText(text);
+    resize(sizeHint().expandedTo(size()));
 }
 
 void ReplyWindow::mousePressEvent(QMouseEvent* event)

@@ -5,6 +5,7 @@
 #include <QKeyEvent>
 #include <QRegularExpression>
 #include <QStyle>
+#include <QStyleOptionButton>
 
 namespace {
 
@@ -57,6 +58,14 @@ void SemiTransparentButton::animateTransparency(double start, double end)
     m_startTransparency = start;
     m_endTransparency = end;
     setTransparency(start);
+}
+
+QSize SemiTransparentButton::sizeHint() const
+{
+    QSize hint = QPushButton::sizeHint();
+    if (needsGap())
+        hint.rwidth() += fontMetrics().horizontalAdvance(u' ');
+    return hint;
 }
 
 void SemiTransparentButton::enterEvent(QEnterEvent* event)
@@ -136,6 +145,19 @@ void SemiTransparentButton::paintEvent(QPaintEvent* event)
 {
     QPushButton::paintEvent(event);
     m_focusRing.paint(*this);
+}
+
+void SemiTransparentButton::initStyleOption(QStyleOptionButton* option) const
+{
+    QPushButton::initStyleOption(option);
+    if (needsGap())
+        option->text.prepend(u' ');
+}
+
+bool SemiTransparentButton::needsGap() const
+{
+    // Styles put no more than 4 px between icon and text, and no property changes that.
+    return !icon().isNull() && !text().isEmpty() && !text().startsWith(u' ');
 }
 
 void SemiTransparentButton::setHovered(bool hovered)

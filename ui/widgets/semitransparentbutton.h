@@ -43,6 +43,9 @@ public:
     /// Sets the opacity to `start` and fades it to `end` while the mouse is over the button.
     void animateTransparency(double start, double end);
 
+    QSize sizeHint() const override;
+    QSize minimumSizeHint() const override { return sizeHint(); }
+
 protected:
     void enterEvent(QEnterEvent* event) override;
     void leaveEvent(QEvent* event) override;
@@ -53,8 +56,10 @@ protected:
     void focusOutEvent(QFocusEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
+    void initStyleOption(QStyleOptionButton* option) const override;
 
 private:
+    bool needsGap() const;
     void setHovered(bool hovered);
     void endHover();
     void fade(QPropertyAnimation& animation, const QVariant& end) const;
