@@ -1,8 +1,9 @@
 # shellcheck shell=bash disable=SC2154
 # Builds the program and publishes the sample releases below build/demo. Sourced after common.sh.
+# VARNEL_BUILD_DIR and VARNEL_DEMO_DIR name other folders, for a program that is built already.
 
-build=$project/build/release
-demo=$project/build/demo
+build=${VARNEL_BUILD_DIR:-$project/build/release}
+demo=${VARNEL_DEMO_DIR:-$project/build/demo}
 releases=$demo/releases
 secret_key=$demo/keys/demo.key
 public_key=$demo/keys/demo.pub
@@ -24,6 +25,7 @@ published() {
 publish() {
     local version=$1 revision=$2 date=$3 name=${4:-}
     published "$version" && return
+    releases_changed=yes
     say "Publishing the sample simulator $version"
     "$build/bin/make-sample-release" "$demo/staging/$version" "$version" --revision "$revision" \
         --simulator "$build/bin/sample-simulator"
@@ -41,10 +43,12 @@ publish_releases() {
         "$build/bin/vl-publish" keygen --secret-key "$secret_key" --public-key "$public_key"
     fi
     mkdir -p "$releases"
+    local releases_changed=
     publish 1.0.0 0 2026-03-02
     publish 1.1.0 1 2026-06-15
     publish 1.2.0 2 2026-10-05
     publish 9.0.0-training 3 2026-10-20 "Учебная"
+    [ -n "$releases_changed" ] || return 0
     "$build/bin/vl-publish" verify "$releases" --public-key "$public_key" >"$demo/verify.log" ||
         fail "the sample repository does not verify; see build/demo/verify.log"
 }
