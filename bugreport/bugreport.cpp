@@ -6,6 +6,7 @@
 #include <QSysInfo>
 #include <QTcpSocket>
 
+#include <memory>
 #include <utility>
 #include <vector>
 
@@ -13,24 +14,51 @@ namespace {
 
 constexpr quint16 collectorPort = 52800;
 constexpr int connectionTimeoutMs = 30000;
+constexpr qsizetype lengthSize = sizeof(quint32); // of a byte array field
 
-using Attachment = std::pair<QByteArray, QByteArray>; // name, contents
+struct Attachment
+{
+    QByteArray name;
+    std::unique_ptr<QFile> file; // open
+};
 
-/// Reads every file that can be opened.
-std::vector<Attachment> readAttachments(const QStringList& paths)
+/// Opens every file that can be opened.
+std::vector<Attachment> openAttachments(const QStringList& paths)
 {
     std::vector<Attachment> attachments;
     for (const QString& path : paths) {
-        QFile file(path);
-        if (!file.open(QIODevice::ReadOnly)) {
+        auto file = std::make_unique<QFile>(path);
+        if (!file->open(QIODevice::ReadOnly | QIODevice::Unbuffered)) {
             qDebug() << "Can't open attached file!";
             continue;
         }
-        const QString name = path.split(QLatin1Char('/')).constLast();
-        // An empty file gives a null array, which is written as such.
-        attachments.emplace_back(name.toUtf8(), file.readAll());
+        attachments.push_back({path.split(QLatin1Char('/')).constLast().toUtf8(), std::move(file)});
     }
     return attachments;
+}
+
+/// Appends the contents of `file` as a byte array field. They are read straight into `message`:
+/// hundreds of megabytes take far longer to copy once more than to send.
+void appendContents(QFile& file, QByteArray& message, QDataStream& stream)
+{
+    const qint64 size = file.size();
+    if (size == 0) {
+        // Empty, which reads as a null array, or of a kind that does not know its size.
+        stream << file.readAll();
+        return;
+    }
+    const qint64 lengthPosition = message.size();
+    const qint64 start = lengthPosition + lengthSize;
+    message.resize(start + size);
+    qint64 end = start;
+    qint64 count = 0;
+    while (end < message.size() &&
+           (count = file.read(message.data() + end, message.size() - end)) > 0)
+        end += count;
+    message.truncate(end); // the file has become shorter
+    stream.device()->seek(lengthPosition);
+    stream << static_cast<quint32>(end - start);
+    stream.device()->seek(end);
 }
 
 /// The whole message as it goes over the wire.
@@ -43,15 +71,14 @@ QByteArray composeMessage(const BugReport& report)
         QSysInfo::currentCpuArchitecture().toUtf8(),
         QSysInfo::machineUniqueId(),
     };
-    const std::vector<Attachment> attachments = readAttachments(report.attachedFiles);
+    const std::vector<Attachment> attachments = openAttachments(report.attachedFiles);
 
-    // Reserved in one piece: growing would hold the attachments a third time.
-    constexpr qsizetype lengthSize = sizeof(quint32);
+    // Reserved in one piece: growing would copy the attachments and hold them twice.
     qsizetype size = sizeof(qint64) + sizeof(qint8);
     for (const QByteArray& text : texts)
         size += lengthSize + text.size();
-    for (const auto& [name, contents] : attachments)
-        size += 2 * lengthSize + name.size() + contents.size();
+    for (const auto& [name, file] : attachments)
+        size += 2 * lengthSize + name.size() + file->size();
     QByteArray message;
     message.reserve(size);
 
@@ -59,8 +86,10 @@ QByteArray composeMessage(const BugReport& report)
     stream << qint64{0} << static_cast<qint8>(attachments.size());
     for (const QByteArray& text : texts)
         stream << text;
-    for (const auto& [name, contents] : attachments)
-        stream << name << contents;
+    for (const auto& [name, file] : attachments) {
+        stream << name;
+        appendContents(*file, message, stream);
+    }
     stream.device()->seek(0);
     stream << qint64{message.size()};
     return message;

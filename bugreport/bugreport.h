@@ -19,8 +19,8 @@ struct BugReport
 ///
 /// The message is handed to the socket and not waited for: what the system does not take at once
 /// leaves while the caller's event loop runs, also after the return, and nothing reports a failure
-/// from then on. Attachments that cannot be opened are left out. They are held in memory twice
-/// while the message is built. Needs a thread with an event loop.
+/// from then on. Attachments that cannot be opened are left out. The message is held in memory
+/// once. Needs a thread with an event loop.
 bool sendBugReport(const BugReport& report);
 
 /// Writes `data` to `device`, going on after short writes; ends early when a write takes nothing.
