@@ -136,6 +136,8 @@ Expected<CataloguePointer> CatalogueService::catalogue(bool fresh)
     // The saved catalogue is read only when the service is late.
     Expected<CataloguePointer> result;
     for (const auto patience : {shared.limits.withSaved, shared.limits.withoutSaved}) {
+        if (spent >= patience)
+            continue;
         const bool ended = shared.changed.wait_until(lock, start + patience - spent,
                                                      [&shared] { return !shared.fetching; });
         if (!ended)
@@ -147,7 +149,8 @@ Expected<CataloguePointer> CatalogueService::catalogue(bool fresh)
         if (ended || result)
             break;
     }
-    shared.spent += Clock::now() - start;
+    if (!fresh)
+        shared.spent += Clock::now() - start;
     return result;
 }
 

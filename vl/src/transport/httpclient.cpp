@@ -9,6 +9,7 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <exception>
 #include <mutex>
 #include <utility>
 
@@ -135,10 +136,28 @@ struct Transfer
     }
 };
 
-extern "C" std::size_t takeBodyOf(char* bytes, std::size_t, std::size_t size, void* transfer)
+/// Why a redirect must not be followed, or an empty text.
+std::string redirectFault(const std::string& from, const std::string& to, int redirectsBefore)
 {
-    const bool more = static_cast<Transfer*>(transfer)->takeBody(
-        std::as_bytes(std::span<const char>(bytes, size)));
+    if (redirectsBefore == maxRedirects)
+        return "more than " + std::to_string(maxRedirects) + " redirects";
+    const std::string old = schemeOf(from);
+    const std::string next = schemeOf(to);
+    if (next == "https" || (next == "http" && old == "http"))
+        return {};
+    return "a redirect from " + old + " to " + next + " is refused";
+}
+
+extern "C" std::size_t takeBodyOf(char* bytes, std::size_t, std::size_t size, void* context)
+{
+    auto& transfer = *static_cast<Transfer*>(context);
+    bool more = false;
+    // No exception may pass through libcurl, which is written in C.
+    try {
+        more = transfer.takeBody(std::as_bytes(std::span<const char>(bytes, size)));
+    } catch (const std::exception& error) {
+        transfer.refusal = Error{vlupd::SYSTEM_CALL_ERROR, error.what()};
+    }
     // Any other count than `size` ends the transfer.
     return more ? size : size + 1;
 }
@@ -234,27 +253,20 @@ tl::expected<void, HttpFailure> HttpClient::get(const HttpRequest& request,
         const auto target = information<char*>(m_handles->easy, CURLINFO_REDIRECT_URL);
         if (target != nullptr) {
             const std::string next = target;
-            if (redirects == maxRedirects)
-                return failed({{vlupd::RSYNC_ERROR, "more than 5 redirects"}, false, status});
-            const std::string scheme = schemeOf(next);
-            if (scheme != "https" && (scheme != "http" || schemeOf(hop.address) == "https")) {
-                return failed({{vlupd::RSYNC_ERROR, "a redirect from " + schemeOf(hop.address) +
-                                                        " to " + scheme + " is refused"},
-                               false,
-                               status});
-            }
+            const std::string fault = redirectFault(hop.address, next, redirects);
+            if (!fault.empty())
+                return failed({{vlupd::RSYNC_ERROR, fault}});
             hop.address = next;
             continue;
-        }
-        if (!transfer.isGood && (transfer.headRead || status < 200 || status > 299)) {
-            return failed(failureOfStatus(
-                status, information<curl_off_t>(m_handles->easy, CURLINFO_RETRY_AFTER)));
         }
         // An answer without a body never came to the write function.
         if (!transfer.headRead && !transfer.takeHead())
             return failed({std::move(*transfer.refusal)});
-        return transfer.isGood ? tl::expected<void, HttpFailure>()
-                               : failed(failureOfStatus(status, 0));
+        if (!transfer.isGood) {
+            return failed(failureOfStatus(
+                status, information<curl_off_t>(m_handles->easy, CURLINFO_RETRY_AFTER)));
+        }
+        return {};
     }
 }
 
