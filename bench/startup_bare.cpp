@@ -4,11 +4,14 @@
 #include "ui/widgets/resources.h"
 
 #include <QApplication>
+#include <QHostAddress>
 #include <QLabel>
 #include <QMainWindow>
 
 int main(int argc, char** argv)
 {
+    // Without this the linker leaves the network module out.
+    qRegisterMetaType<QHostAddress>();
     QApplication application(argc, argv);
     QApplication::setStyle(QStringLiteral("windows"));
     loadResources();
