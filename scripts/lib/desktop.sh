@@ -11,6 +11,7 @@ step=0
 
 desktop_end() {
     local status=$? process
+    [ $status -eq 0 ] || import -silent -window root "$screenshots/failed.png" || true
     for process in $launcher $(simulator_processes) "${desktop_processes[@]}"; do
         kill -CONT "$process" 2>/dev/null || true
         kill "$process" 2>/dev/null || true
@@ -39,16 +40,19 @@ desktop_start() {
     export QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR=$scale LC_ALL=C.UTF-8
     export XDG_RUNTIME_DIR=$desktop_work/runtime
     mkdir -m 700 "$XDG_RUNTIME_DIR"
-    display -size 64x64 -window root "xc:#30363d" 2>/dev/null || true
-    openbox >"$desktop_work/openbox.log" 2>&1 &
+    # Its own word that it is ready: a window that is mapped earlier may never be shown.
+    openbox --startup "touch $desktop_work/ready" >"$desktop_work/openbox.log" 2>&1 &
     desktop_processes+=($!)
-    wait_until 20 "the window manager" sh -c 'xprop -root _NET_SUPPORTING_WM_CHECK | grep -q window'
+    wait_until 20 "the window manager" test -e "$desktop_work/ready"
+    # A background to tell the dark windows from; its absence is no failure.
+    display -size 64x64 -window root "xc:#30363d" 2>/dev/null || true
 }
 
 # launcher_start FOLDER: from a directory of its own, because the folder must run from anywhere.
 launcher_start() {
     log=$1/current.log
     log_mark
+    park_pointer
     (cd / && exec "$1/varnel-launcher") 2>"$desktop_work/launcher.log" &
     launcher=$!
     wait_until 30 "the launcher's window" launcher_shown_or_gone
