@@ -22,5 +22,7 @@ void loadResources()
     QFont::insertSubstitution(QStringLiteral("Roboto Light"), QStringLiteral("Roboto"));
     QFont::insertSubstitution(QStringLiteral("Helvetica"), QStringLiteral("Roboto"));
     QApplication::setFont(QFont(QStringLiteral("Roboto"), 10));
-    QApplication::setWindowIcon(QIcon(QStringLiteral(":/images/media/varnel.png")));
+    QIcon icon(QStringLiteral(":/images/media/varnel.png"));
+    icon.addFile(QStringLiteral(":/images/media/varnel_icon.png"));
+    QApplication::setWindowIcon(icon);
 }
