@@ -24,7 +24,7 @@ namespace {
 class LogFile final
 {
 public:
-    void append(const QString& line);
+    void append(QtMsgType type, const QMessageLogContext& context, const QString& text);
     void flush();
 
 private:
@@ -68,9 +68,11 @@ void LogFile::write(const QString& line)
     m_stream->resetStatus(); // or one failure would silence the stream for good
 }
 
-void LogFile::append(const QString& line)
+void LogFile::append(QtMsgType type, const QMessageLogContext& context, const QString& text)
 {
     const std::lock_guard lock(m_mutex);
+    // Under the lock, so that the times in the log never go back.
+    const QString line = qFormatLogMessage(type, context, text);
     if (open()) {
         for (const QString& early : std::exchange(m_earlyLines, {}))
             write(early);
@@ -114,7 +116,7 @@ void logMessage(QtMsgType type, const QMessageLogContext& context, const QString
     if (insideHandler)
         return;
     insideHandler = true;
-    logFile().append(qFormatLogMessage(type, context, text));
+    logFile().append(type, context, text);
     insideHandler = false;
 }
 
