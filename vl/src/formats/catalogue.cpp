@@ -15,38 +15,65 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int maxDepth = 32;
+constexpr std::size_t maxDepth = 32;
 
 tl::unexpected<Error> fault(const std::string& what)
 {
     return failure(vlupd::UPDATER_DATA_ERROR, "catalogue: " + what);
 }
 
-/// Watches the parser for what it would let pass: members of the same name and deep nesting.
-class StructureGuard final
+/// Goes through the text before a tree is built of it, for what the parser would let pass: members
+/// of the same name and deep nesting.
+class StructureGuard final : public json::json_sax_t
 {
 public:
-    bool operator()(int depth, json::parse_event_t event, const json& value)
-    {
-        if (event == json::parse_event_t::object_start) {
-            m_names.emplace_back();
-        } else if (event == json::parse_event_t::object_end) {
-            m_names.pop_back();
-        } else if (event == json::parse_event_t::key) {
-            const auto& name = value.get_ref<const std::string&>();
-            if (!m_names.back().insert(name).second && m_fault.empty())
-                m_fault = "the member \"" + name + "\" is there twice";
-        }
-        if (depth <= maxDepth)
-            return true;
-        if (m_fault.empty())
-            m_fault = "nested too deeply";
-        return false; // discarded, so that no deep tree is built
-    }
     const std::string& fault() const { return m_fault; }
 
+    bool null() override { return true; }
+    bool boolean(bool /*value*/) override { return true; }
+    bool number_integer(std::int64_t /*value*/) override { return true; }
+    bool number_unsigned(std::uint64_t /*value*/) override { return true; }
+    bool number_float(double /*value*/, const std::string& /*text*/) override { return true; }
+    bool string(std::string& /*value*/) override { return true; }
+    bool binary(json::binary_t& /*value*/) override { return true; }
+    bool start_object(std::size_t /*size*/) override { return open(); }
+    bool end_object() override { return close(); }
+    bool start_array(std::size_t /*size*/) override { return open(); }
+    bool end_array() override { return close(); }
+
+    bool key(std::string& name) override
+    {
+        if (m_names.back().insert(name).second)
+            return true;
+        m_fault = "the member \"" + name + "\" is there twice";
+        return false;
+    }
+
+    bool parse_error(std::size_t position, const std::string& /*token*/,
+                     const json::exception& /*error*/) override
+    {
+        m_fault = "not valid JSON at byte " + std::to_string(position);
+        return false;
+    }
+
 private:
-    std::vector<std::set<std::string>> m_names; ///< of each open object
+    bool open()
+    {
+        if (m_names.size() >= maxDepth) {
+            m_fault = "nested too deeply";
+            return false;
+        }
+        m_names.emplace_back();
+        return true;
+    }
+
+    bool close()
+    {
+        m_names.pop_back();
+        return true;
+    }
+
+    std::vector<std::set<std::string>> m_names; ///< members so far, of each open object
     std::string m_fault;
 };
 
@@ -92,19 +119,25 @@ Expected<ManifestReference> readReference(const json& version)
     return ManifestReference{.size = *size, .hash = *hash};
 }
 
+Expected<ManifestReference> readVersion(const std::string& key, const json& version)
+{
+    if (const std::string wrong = versionKeyFault(key); !wrong.empty())
+        return fault("version key \"" + key + "\" " + wrong);
+    if (!version.is_object())
+        return fault("version " + key + " is not an object");
+    if (const auto date = readDate(version, "date"); !date)
+        return failure("version " + key, date.error());
+    auto reference = readReference(version);
+    return reference ? reference : failure("version " + key, std::move(reference).error());
+}
+
 Expected<void> readVersions(Catalogue& catalogue)
 {
     std::vector<std::string_view> keys;
     for (const auto& [key, version] : catalogue.versions.items()) {
-        if (const std::string wrong = versionKeyFault(key); !wrong.empty())
-            return fault("version key \"" + key + "\" " + wrong);
-        if (!version.is_object())
-            return fault("version " + key + " is not an object");
-        if (const auto date = readDate(version, "date"); !date)
-            return failure("version " + key, date.error());
-        const auto reference = readReference(version);
+        auto reference = readVersion(key, version);
         if (!reference)
-            return failure("version " + key, reference.error());
+            return tl::unexpected(std::move(reference).error());
         keys.push_back(catalogue.manifests.emplace(key, *reference).first->first);
     }
     if (const std::string wrong = pathSetFault(keys); !wrong.empty())
@@ -135,11 +168,9 @@ Expected<Catalogue> readCatalogue(std::string_view text)
     if (text.size() > maxCatalogueSize)
         return fault("larger than 32 MiB");
     StructureGuard guard;
-    json document = json::parse(text, std::ref(guard), false);
-    if (!guard.fault().empty())
+    if (!json::sax_parse(text, &guard))
         return fault(guard.fault());
-    if (document.is_discarded())
-        return fault("not valid JSON");
+    json document = json::parse(text, nullptr, false);
     if (!document.is_object())
         return fault("not a JSON object");
 

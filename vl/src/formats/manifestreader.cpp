@@ -83,11 +83,17 @@ const Rule* findRule(Field parent, std::string_view name)
     return nullptr;
 }
 
-/// The member that an object of this kind must have and has not, or null.
-const Rule* missingMember(Field parent, const std::set<std::string>& names)
+std::uint32_t bitOf(const Rule* rule)
+{
+    return std::uint32_t{1} << static_cast<unsigned>(rule - rules.data());
+}
+
+/// The member that an object of this kind must have and has not, or null. `seen`: bits of those
+/// that it has.
+const Rule* missingMember(Field parent, std::uint32_t seen)
 {
     for (const Rule& rule : rules) {
-        if (rule.parent == parent && !rule.name.empty() && !names.contains(std::string(rule.name)))
+        if (rule.parent == parent && !rule.name.empty() && (seen & bitOf(&rule)) == 0)
             return &rule;
     }
     return nullptr;
@@ -135,15 +141,22 @@ public:
         Scope& scope = m_scopes.back();
         m_name = name;
         m_next = findRule(scope.field, name);
-        if (scope.field != Field::Unknown && !scope.names.insert(std::move(name)).second)
+        if (scope.field == Field::Unknown)
+            return true;
+        if (m_next != nullptr && !m_next->name.empty()) {
+            if ((scope.seen & bitOf(m_next)) != 0)
+                return fail("is there twice");
+            scope.seen |= bitOf(m_next);
+        } else if (!scope.otherNames.insert(std::move(name)).second) {
             return fail("is there twice");
+        }
         return true;
     }
 
     bool end_object() override
     {
         const Scope& scope = m_scopes.back();
-        if (const Rule* missing = missingMember(scope.field, scope.names)) {
+        if (const Rule* missing = missingMember(scope.field, scope.seen)) {
             m_name = missing->name;
             return fail("is missing");
         }
@@ -162,13 +175,14 @@ private:
     struct Scope
     {
         Field field;
-        std::set<std::string> names; ///< members so far
+        std::uint32_t seen = 0;           ///< bits of the members that rules name
+        std::set<std::string> otherNames; ///< names of the others
     };
 
     bool fail(const std::string& what)
     {
         m_fault = "\"" + m_name + "\" " + what;
-        if (!m_manifest.files.empty())
+        if (!m_scopes.empty() && m_scopes.back().field == Field::File)
             m_fault += " (file " + std::to_string(m_manifest.files.size()) + ")";
         return false;
     }
@@ -187,7 +201,7 @@ private:
             m_manifest.pack.frames.emplace_back();
         if (field == Field::File)
             m_manifest.files.emplace_back();
-        m_scopes.push_back(Scope{.field = field, .names = {}});
+        m_scopes.push_back(Scope{.field = field, .seen = 0, .otherNames = {}});
         expectElement();
         return true;
     }
