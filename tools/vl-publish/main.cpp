@@ -181,6 +181,7 @@ int run(int argc, char** argv)
     add->add_option("FOLDER", arguments.folder, "folder with the version's files")->required();
     add->add_option("--exec", arguments.executables,
                     "KEY=RELATIVE/PATH of an executable; default_exec is the one that is started")
+        ->allow_extra_args(false) // one for each --exec, so that it may stand anywhere
         ->required();
     secretKey(add);
     add->add_option("--date", arguments.date, "release date, YYYY-MM-DD; today if not given");
