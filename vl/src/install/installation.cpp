@@ -161,7 +161,7 @@ Expected<void> Installation::fill()
                            m_manifest.pack.size);
     if (!m_operation.pump())
         return tl::unexpected(endedByCaller());
-    const auto downloaded =
+    auto downloaded =
         downloadPack(*m_source, m_manifest.pack, m_partFile, m_operation,
                      [&](std::size_t index) { return unpacker.frameReady(index); });
     if (!downloaded)
@@ -199,7 +199,7 @@ Expected<void> Installation::commit()
         const auto present = fileInfo(m_layout.tree(tree.id));
         return present && !*present;
     });
-    if (const auto written = writeState(m_layout, state); !written) {
+    if (auto written = writeState(m_layout, state); !written) {
         const auto committed = stateFileNames(m_layout, m_new.id);
         if (!committed)
             m_tree.clear(); // which of the two is installed cannot be told: neither may go
@@ -245,7 +245,7 @@ Expected<void> removeVersion(const RootLayout& layout, const std::string& versio
     if (auto moved = moveToTrash(layout, id); !moved)
         return moved;
     const State removed{std::nullopt, state->superseded};
-    if (const auto written = writeState(layout, removed); !written) {
+    if (auto written = writeState(layout, removed); !written) {
         const auto stillNamed = stateFileNames(layout, id);
         if (stillNamed && !*stillNamed) {
             operation.say(written.error().message);
