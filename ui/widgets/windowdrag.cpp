@@ -56,22 +56,23 @@ bool WindowDrag::move(const QMouseEvent& event)
     const QPoint mouse = event.globalPosition().toPoint();
     if (m_state == State::Pressed &&
         (mouse - m_pressPosition).manhattanLength() >= QApplication::startDragDistance())
-        begin(mouse);
+        begin();
     if (m_state == State::Moving)
-        m_window->move(mouse - m_grip);
+        m_window->setGeometry({mouse - m_grip, m_size});
     return true;
 }
 
-void WindowDrag::begin(QPoint mouse)
+void WindowDrag::begin()
 {
     m_grip = m_pressPosition - m_window->pos();
+    m_size = m_window->size();
     m_state = State::Moving;
     if (m_window->isMaximized()) {
-        // The window shrinks under the mouse: keep the mouse at the same share of its width.
-        const int width = m_window->normalGeometry().width();
-        m_grip.setX(m_grip.x() * width / m_window->width());
+        // The window shrinks under the mouse: keep the mouse at the same share of its width. The
+        // window system gives the size back some time later, so the size is said with every move.
+        m_size = m_window->normalGeometry().size();
+        m_grip.setX(m_grip.x() * m_size.width() / m_window->width());
         m_window->showNormal();
-        m_window->move(mouse - m_grip);
         return;
     }
     if (systemMoveIsReliable() && m_window->windowHandle()->startSystemMove())

@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QPoint>
+#include <QSize>
 
 class QMouseEvent;
 class QWidget;
@@ -22,7 +23,7 @@ public:
 private:
     bool press(const QMouseEvent& event);
     bool move(const QMouseEvent& event);
-    void begin(QPoint mouse);
+    void begin();
 
     enum class State { Idle, Pressed, Moving };
 
@@ -30,6 +31,7 @@ private:
     State m_state = State::Idle;
     QPoint m_pressPosition; ///< of the mouse, on the screen
     QPoint m_grip;          ///< mouse position relative to the window's corner
+    QSize m_size;           ///< of the window while it moves
 };
 
 /// Maximises `window`, or gives it back the size it had before.

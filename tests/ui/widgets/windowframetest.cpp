@@ -22,6 +22,7 @@ private Q_SLOTS:
     void resizing();
     void dragging_data();
     void dragging();
+    void draggingMaximized();
     void doubleClick();
     void numbersKeepTheirPlace();
     void longListIsNotMeasured();
@@ -136,6 +137,21 @@ void WindowFrameTest::dragging()
     QTest::mouseRelease(&window.titleBar, button);
     moveMouse(window.titleBar, start + QPoint(200, 0), Qt::NoButton);
     QCOMPARE(window.pos(), QPoint(100 + moved, 100));
+}
+
+void WindowFrameTest::draggingMaximized()
+{
+    Window window;
+    window.showMaximized();
+    const int width = window.width();
+    window.titleBar.resize(width, 40);
+    const QPoint start = window.mapToGlobal(QPoint(width * 3 / 4, 20));
+    QTest::mousePress(&window.titleBar, Qt::LeftButton, {}, QPoint(width * 3 / 4, 20));
+    moveMouse(window.titleBar, start + QPoint(0, 50), Qt::LeftButton);
+    QVERIFY(!window.isMaximized());
+    // The mouse stays at three quarters of the title bar.
+    QCOMPARE(window.geometry(), QRect(start + QPoint(-300, 30), QSize(400, 300)));
+    QTest::mouseRelease(&window.titleBar, Qt::LeftButton);
 }
 
 void WindowFrameTest::doubleClick()
