@@ -1,4 +1,4 @@
-// A flood of progress reports, each of which changes what all three widgets show: through the
+// A flood of progress reports, each of which changes both texts while the bar fills: through the
 // installation's signal and the main window's slot, against bare updates of the same three widgets
 // with the same texts and values. One million reports each way, in rounds that alternate.
 // Prints a line "ours SECONDS" or "rival SECONDS" for each round.
@@ -11,6 +11,7 @@
 #include <QLabel>
 #include <QProgressBar>
 
+#include <algorithm>
 #include <cstdint>
 #include <initializer_list>
 #include <iostream>
@@ -19,7 +20,7 @@
 namespace {
 
 constexpr int rounds = 10;
-constexpr int reportsPerRound = 100'000;
+constexpr std::size_t reportsPerRound = 100'000;
 constexpr double nanosecondsPerSecond = 1e9;
 
 struct Report
@@ -37,14 +38,16 @@ struct Shown
 
 constexpr std::uint64_t totalBytes = 900U << 20U;
 
-/// A hundred reports of which no two neighbours show the same size, time or percentage.
+/// A download from its beginning to its end, of which no two neighbouring reports show the same
+/// size or the same time.
 std::vector<Report> differentReports()
 {
     std::vector<Report> reports;
-    for (std::uint64_t i = 0; i < 100; ++i) {
-        const std::uint64_t downloaded = totalBytes / 100 * (i * 37 % 100);
-        const std::uint64_t secondsLeft = 1 + i * 7 % 59;
-        reports.push_back({(totalBytes - downloaded) / secondsLeft, downloaded});
+    for (std::uint64_t i = 0; i < reportsPerRound; ++i) {
+        const bool odd = i % 2 == 1;
+        const std::uint64_t downloaded = i * (totalBytes / reportsPerRound) + (odd ? 1U << 15U : 0);
+        const std::uint64_t left = totalBytes - std::min(downloaded, totalBytes);
+        reports.push_back({left / (odd ? 30 : 45) + 1, downloaded});
     }
     return reports;
 }
@@ -53,8 +56,8 @@ template <class Function> void timeRound(const char* side, Function&& function)
 {
     QElapsedTimer timer;
     timer.start();
-    for (int i = 0; i < reportsPerRound; ++i)
-        function(static_cast<std::size_t>(i % 100));
+    for (std::size_t i = 0; i < reportsPerRound; ++i)
+        function(i);
     std::cout << side << ' ' << double(timer.nsecsElapsed()) / nanosecondsPerSecond << std::endl;
 }
 
