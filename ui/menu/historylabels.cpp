@@ -16,7 +16,7 @@ QString prefix(bool bullet)
 
 void addWrappedLabel(QLayout* layout, const QString& text, const QString& style)
 {
-    auto* label = new QLabel;
+    auto* label = new QLabel(layout->parentWidget());
     // Release notes are shown as they are written; "<" starts no markup.
     label->setTextFormat(Qt::PlainText);
     label->setWordWrap(true);
@@ -29,7 +29,7 @@ void addWrappedLabel(QLayout* layout, const QString& text, const QString& style)
 
 void addSectionHeader(QLayout* layout, const QString& title)
 {
-    auto* label = new QLabel(title);
+    auto* label = new QLabel(title, layout->parentWidget());
     label->setStyleSheet(styles::sectionTitle);
     layout->addWidget(label);
 }

@@ -30,10 +30,31 @@ const std::array<Section, 3>& sections()
     return list;
 }
 
-/// The scrollable page that shows one version.
-QWidget* createDescriptionPage(const QJsonObject& description, const std::optional<QDate>& date)
+/// A scroll area that does not ask its contents for their size: the stack would lay out every
+/// version's texts to find the largest.
+class DescriptionScrollArea final : public QScrollArea
 {
-    auto* content = new QWidget;
+public:
+    using QScrollArea::QScrollArea;
+    QSize sizeHint() const override { return minimumSize(); }
+};
+
+/// The scrollable page that shows one version. Every widget is born below `stack`, where it
+/// resolves its style once; one that moves there later does so with all that it holds.
+QWidget* createDescriptionPage(const QJsonObject& description, const std::optional<QDate>& date,
+                               QStackedWidget* stack)
+{
+    auto* page = new QWidget(stack);
+    auto* pageLayout = new QVBoxLayout(page);
+    pageLayout->setContentsMargins(0, 0, 0, 0);
+    auto* scrollArea = new DescriptionScrollArea(page);
+    scrollArea->setStyleSheet(styles::scrollArea + styles::scrollBar);
+    scrollArea->setMinimumHeight(250);
+    scrollArea->setWidgetResizable(true);
+    auto* content = new QWidget(scrollArea->viewport());
+    scrollArea->setWidget(content);
+    pageLayout->addWidget(scrollArea);
+
     auto* labels = new QVBoxLayout(content);
     labels->setContentsMargins(15, 0, 0, 0);
     labels->setAlignment(Qt::AlignTop);
@@ -47,16 +68,6 @@ QWidget* createDescriptionPage(const QJsonObject& description, const std::option
         addSectionHeader(labels, section.title);
         addListLabels(description, section.key, labels, true);
     }
-
-    auto* page = new QWidget;
-    auto* pageLayout = new QVBoxLayout(page);
-    pageLayout->setContentsMargins(0, 0, 0, 0);
-    auto* scrollArea = new QScrollArea;
-    scrollArea->setStyleSheet(styles::scrollArea + styles::scrollBar);
-    scrollArea->setMinimumHeight(250);
-    scrollArea->setWidgetResizable(true);
-    scrollArea->setWidget(content);
-    pageLayout->addWidget(scrollArea);
     return page;
 }
 
@@ -96,7 +107,7 @@ bool MenuDialog::addVersionDescription(const QString& version)
     if (!isDescribed && !date)
         return false;
 
-    auto* button = new SemiTransparentButton;
+    auto* button = new SemiTransparentButton(ui->versionButtonsFrame);
     button->setStyleSheet(styles::versionButton);
     button->animateTransparency(0.5, 1.0);
     button->setText(version);
@@ -106,7 +117,8 @@ bool MenuDialog::addVersionDescription(const QString& version)
     connect(button, &QPushButton::clicked, this,
             [this, button, index] { selectVersion(button, index); });
 
-    ui->descriptionStackedWidget->addWidget(createDescriptionPage(description, date));
+    ui->descriptionStackedWidget->addWidget(
+        createDescriptionPage(description, date, ui->descriptionStackedWidget));
     return true;
 }
 
