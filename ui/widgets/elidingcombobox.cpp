@@ -18,6 +18,14 @@ ElidingComboBox::ElidingComboBox(QWidget* parent) : QComboBox(parent)
     setItemDelegate(new QStyledItemDelegate(this)); // the own one ignores "::item" rules
 }
 
+void ElidingComboBox::showPopup()
+{
+    QComboBox::showPopup();
+    // As wide as the box looks, without the margin that its focus ring needs.
+    QWidget* popup = view()->window();
+    popup->setGeometry(popup->geometry().adjusted(FocusRing::width, 0, -FocusRing::width, 0));
+}
+
 bool ElidingComboBox::event(QEvent* event)
 {
     if (event->type() == QEvent::ToolTip) {

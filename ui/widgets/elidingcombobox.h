@@ -14,6 +14,8 @@ class ElidingComboBox final : public QComboBox
 public:
     explicit ElidingComboBox(QWidget* parent = nullptr);
 
+    void showPopup() override;
+
 protected:
     bool event(QEvent* event) override;
     void focusInEvent(QFocusEvent* event) override;

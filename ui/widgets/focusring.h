@@ -9,6 +9,9 @@ class QWidget;
 class FocusRing final
 {
 public:
+    /// Pixels that a control's own margin has to leave free for the ring and its gap.
+    static constexpr int width = 4;
+
     /// To be called from focusInEvent with the event's reason.
     void focusIn(Qt::FocusReason reason);
     void focusOut() { m_shown = false; }
