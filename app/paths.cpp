@@ -3,9 +3,25 @@
 #include <QCoreApplication>
 #include <QDirIterator>
 #include <QFileInfo>
+#include <QStringList>
 
+#include <chrono>
+#include <future>
 #include <mutex>
 #include <optional>
+#include <utility>
+
+namespace {
+
+qint64 totalSize(const QStringList& files)
+{
+    qint64 size = 0;
+    for (const QString& file : files)
+        size += QFileInfo(file).size();
+    return size;
+}
+
+} // namespace
 
 QDir applicationDirectory()
 {
@@ -35,14 +51,29 @@ qint64 directorySize(const QString& path)
 {
     if (!QDir(path).exists())
         return -1;
+    // Asking for sizes takes most of the time, so a second thread takes its share; this one never
+    // waits for it while there is something to do.
+    constexpr qsizetype batchSize = 1024;
     qint64 size = 0;
+    QStringList batch;
+    std::future<qint64> helper;
     QDirIterator entries(path, QDirIterator::Subdirectories);
     while (entries.hasNext()) {
-        entries.next();
-        const QFileInfo entry = entries.fileInfo();
-        if (entry.isFile())
-            size += entry.size();
+        const QString entry = entries.next();
+        if (entries.fileInfo().isFile())
+            batch.append(entry);
+        if (batch.size() < batchSize)
+            continue;
+        if (helper.valid() && helper.wait_for(std::chrono::seconds(0)) == std::future_status::ready)
+            size += helper.get();
+        if (helper.valid())
+            size += totalSize(std::exchange(batch, {}));
+        else
+            helper = std::async(totalSize, std::exchange(batch, {}));
     }
+    size += totalSize(batch);
+    if (helper.valid())
+        size += helper.get();
     return size;
 }
 
