@@ -46,6 +46,7 @@ private Q_SLOTS:
     void readingNeedsNoWriting();
     void damageIsFound_data();
     void damageIsFound();
+    void lostManifestIsFetched();
     void removes();
     void lostRecords_data();
     void lostRecords();
@@ -352,6 +353,30 @@ void InstallTest::damageIsFound()
     const bool damaged = library.checkFiles("1.0.0", std::nullopt) != vlupd::OK;
     QCOMPARE(library.installVersion("1.0.0", {}, {}), damaged ? vlupd::OK : vlupd::FOUND_LOCALLY);
     QCOMPARE(library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
+}
+
+void InstallTest::lostManifestIsFetched()
+{
+    const Root root(*m_releases, {}, true);
+    QCOMPARE(VLUPD(root.path(), false, nullptr).installVersion("1.0.0", {}, {}), vlupd::OK);
+    for (const bool damaged : {false, true}) {
+        for (const auto& [name, text] : filesIn(root.path() / "manifests"))
+            writeFile(root.path() / "manifests" / name, text + " ");
+        if (!damaged)
+            fs::remove_all(root.path() / "manifests");
+        VLUPD library(root.path(), false, nullptr);
+        QCOMPARE(library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
+        QVERIFY(library.getAppExecutablePath("1.0.0", "default_exec"));
+    }
+    // Without the repository nothing can be said about the files, and nothing is.
+    fs::remove_all(root.path() / "manifests");
+    fs::remove(root.path() / "vl.json");
+    LogLines log;
+    VLUPD library(root.path(), false, &log);
+    QCOMPARE(library.checkFiles("1.0.0", std::nullopt), vlupd::BROKEN_OR_MISSING);
+    QVERIFY2(log.contains("cannot be fetched"), log.text().c_str());
+    QVERIFY(!library.getAppExecutablePath("1.0.0", "default_exec"));
+    QVERIFY(library.getInstalledVersions().contains("1.0.0"));
 }
 
 void InstallTest::removes()
