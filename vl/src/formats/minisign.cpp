@@ -19,7 +19,7 @@ constexpr std::string_view trustedPrefix = "trusted comment: ";
 // Salt, operations limit and memory limit of the password hash; zero in a key without a password.
 constexpr std::size_t kdfSize = 32 + 8 + 8;
 constexpr std::size_t checksumSize = 32;
-constexpr std::size_t secretKeyFileSize = 3 * 2 + kdfSize + 8 + 64 + checksumSize;
+constexpr std::size_t secretKeyFileSize = 6 + kdfSize + 8 + 64 + checksumSize;
 constexpr std::size_t publicKeyFileSize = 2 + 8 + 32;
 constexpr std::size_t signatureFileSize = 2 + 8 + crypto_sign_BYTES;
 
