@@ -1,76 +1,84 @@
 #include "tests/support/httpserver.h"
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
+#include <fstream>
+#include <sstream>
 #include <stdexcept>
-#include <utility>
-#include <vector>
+#include <system_error>
 
 namespace testsupport {
 
 namespace {
 
-constexpr std::size_t pieceSize = 256U << 10U;
+constexpr std::uint64_t pieceSize = 256U << 10U;
 
-std::string lowerCase(std::string text)
+bool sendAll(int socket, const std::string& bytes)
 {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-bool sendAll(int socket, const char* bytes, std::size_t size)
-{
-    while (size > 0) {
-        const ssize_t sent = ::send(socket, bytes, size, MSG_NOSIGNAL);
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t sent = ::send(socket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
         if (sent <= 0)
             return false;
-        bytes += sent;
-        size -= static_cast<std::size_t>(sent);
+        done += static_cast<std::size_t>(sent);
     }
     return true;
-}
-
-const char* reason(int status)
-{
-    switch (status) {
-    case 200:
-        return "OK";
-    case 206:
-        return "Partial Content";
-    case 302:
-        return "Found";
-    case 404:
-        return "Not Found";
-    case 416:
-        return "Range Not Satisfiable";
-    default:
-        return "Scripted";
-    }
 }
 
 } // namespace
 
 struct HttpServer::Request
 {
+    /// Takes the next request off `buffer`, reading what is missing. False when there is none.
+    bool read(int socket, std::string& buffer)
+    {
+        std::size_t end = 0;
+        while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
+            std::array<char, 4096> bytes{};
+            const ssize_t got = ::recv(socket, bytes.data(), bytes.size(), 0);
+            if (got <= 0)
+                return false;
+            buffer.append(bytes.data(), static_cast<std::size_t>(got));
+        }
+        const std::string head = buffer.substr(0, end + 2);
+        buffer.erase(0, end + 4);
+        const std::size_t space = head.find(' ') + 1;
+        path = head.substr(space, head.find(' ', space) - space);
+        range = header(head, "\r\nrange: ");
+        ifRange = header(head, "\r\nif-range: ");
+        return true;
+    }
+
     std::string path;
-    std::map<std::string, std::string> headers;
+    std::string range;
+    std::string ifRange;
+
+private:
+    static std::string header(const std::string& head, const std::string& name)
+    {
+        const auto alike = [](unsigned char a, unsigned char b) { return std::tolower(a) == b; };
+        const auto found = std::search(head.begin(), head.end(), name.begin(), name.end(), alike);
+        if (found == head.end())
+            return {};
+        const auto value = found + static_cast<std::ptrdiff_t>(name.size());
+        return {value, std::find(value, head.end(), '\r')};
+    }
 };
 
-/// The file's bytes from `first` up to `end`, then `zeros` further ones.
+/// A head, then `text` or the file's bytes from `first` up to `end` and `zeros` further ones.
 struct HttpServer::Answer
 {
-    int file = -1;
+    std::string head;
+    std::string text;
+    std::filesystem::path file;
     std::uint64_t first = 0;
     std::uint64_t end = 0;
     std::uint64_t zeros = 0;
@@ -109,18 +117,13 @@ void HttpServer::stop()
     ::shutdown(m_listener, SHUT_RDWR);
     m_acceptor.join();
     ::close(m_listener);
-    std::list<Connection> connections;
-    {
-        const std::lock_guard lock(m_mutex);
-        for (const Connection& connection : m_connections)
-            ::shutdown(connection.socket, SHUT_RDWR);
-        connections.swap(m_connections);
+    for (const auto& [socket, thread] : m_connections)
+        ::shutdown(socket, SHUT_RDWR);
+    for (auto& [socket, thread] : m_connections) {
+        thread.join();
+        ::close(socket);
     }
-    m_changed.notify_all();
-    for (Connection& connection : connections) {
-        connection.thread.join();
-        ::close(connection.socket);
-    }
+    m_connections.clear();
 }
 
 void HttpServer::misbehave(const std::string& path, Misbehaviour misbehaviour)
@@ -134,55 +137,19 @@ void HttpServer::reset()
     const std::lock_guard lock(m_mutex);
     m_faults.clear();
     m_counts.clear();
-    m_released = false;
-}
-
-void HttpServer::release()
-{
-    const std::lock_guard lock(m_mutex);
-    m_released = true;
+    ++m_resets;
     m_changed.notify_all();
 }
 
-int HttpServer::requests(const std::string& path) const
+HttpServer::Counts HttpServer::counted(const std::string& path) const
 {
     const std::lock_guard lock(m_mutex);
-    int sum = 0;
-    for (const auto& [name, counts] : m_counts)
-        sum += path.empty() || path == name ? counts.requests : 0;
+    Counts sum;
+    for (const auto& [name, counts] : m_counts) {
+        sum.requests += path.empty() || path == name ? counts.requests : 0;
+        sum.bytes += path.empty() || path == name ? counts.bytes : 0;
+    }
     return sum;
-}
-
-std::uint64_t HttpServer::bytesSent(const std::string& path) const
-{
-    const std::lock_guard lock(m_mutex);
-    std::uint64_t sum = 0;
-    for (const auto& [name, counts] : m_counts)
-        sum += path.empty() || path == name ? counts.bytes : 0;
-    return sum;
-}
-
-std::map<std::string, std::string> HttpServer::lastHeaders(const std::string& path) const
-{
-    const std::lock_guard lock(m_mutex);
-    const auto found = m_counts.find(path);
-    return found == m_counts.end() ? std::map<std::string, std::string>() : found->second.headers;
-}
-
-bool HttpServer::waitForRequests(const std::string& path, int count,
-                                 std::chrono::milliseconds timeout) const
-{
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [&] {
-        const auto found = m_counts.find(path);
-        return found != m_counts.end() && found->second.requests >= count;
-    });
-}
-
-bool HttpServer::waitForStall(std::chrono::milliseconds timeout) const
-{
-    std::unique_lock lock(m_mutex);
-    return m_changed.wait_for(lock, timeout, [this] { return m_stalled > 0; });
 }
 
 void HttpServer::acceptConnections()
@@ -193,71 +160,30 @@ void HttpServer::acceptConnections()
             continue;
         const int on = 1;
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-        ++m_connectionCount;
-        const std::lock_guard lock(m_mutex);
         // Sockets are closed only in stop(): a number that is used again would be shut down there.
-        m_connections.push_back({socket, std::thread([this, socket] { serve(socket); })});
+        m_connections.emplace_back(socket, [this, socket] { serve(socket); });
     }
 }
 
 void HttpServer::serve(int socket)
 {
     std::string buffer;
-    while (!m_stopping) {
-        const std::optional<Request> request = readRequest(socket, buffer);
-        if (!request)
-            break;
-        const Misbehaviour fault = count(*request);
-        if (fault.delay.count() > 0) {
-            std::unique_lock lock(m_mutex);
-            m_changed.wait_for(lock, fault.delay, [this] { return m_stopping.load(); });
-        }
-        if (!answer(socket, *request, fault))
+    Request request;
+    while (!m_stopping && request.read(socket, buffer)) {
+        const Misbehaviour fault = count(request.path);
+        const Answer answer = answerFor(request, fault);
+        if (!sendAll(socket, answer.head) || !sendBody(socket, request.path, answer, fault) ||
+            !answer.keepAlive)
             break;
     }
     ::shutdown(socket, SHUT_RDWR);
 }
 
-std::optional<HttpServer::Request> HttpServer::readRequest(int socket, std::string& buffer) const
-{
-    std::size_t end = 0;
-    while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
-        std::array<char, 4096> bytes{};
-        const ssize_t got = ::recv(socket, bytes.data(), bytes.size(), 0);
-        if (got <= 0 || buffer.size() > (64U << 10U))
-            return std::nullopt;
-        buffer.append(bytes.data(), static_cast<std::size_t>(got));
-    }
-    Request request;
-    std::size_t start = buffer.find("\r\n") + 2;
-    const std::string first = buffer.substr(0, start - 2);
-    const std::size_t space = first.find(' ');
-    request.path = first.substr(space + 1, first.rfind(' ') - space - 1);
-    while (start < end + 2) {
-        const std::size_t lineEnd = buffer.find("\r\n", start);
-        const std::size_t colon = buffer.find(':', start);
-        if (colon < lineEnd) {
-            std::size_t value = colon + 1;
-            while (value < lineEnd && buffer[value] == ' ')
-                ++value;
-            request.headers[lowerCase(buffer.substr(start, colon - start))] =
-                buffer.substr(value, lineEnd - value);
-        }
-        start = lineEnd + 2;
-    }
-    buffer.erase(0, end + 4);
-    return request;
-}
-
-Misbehaviour HttpServer::count(const Request& request)
+Misbehaviour HttpServer::count(const std::string& path)
 {
     const std::lock_guard lock(m_mutex);
-    Counts& counts = m_counts[request.path];
-    ++counts.requests;
-    counts.headers = request.headers;
-    m_changed.notify_all();
-
-    auto found = m_faults.find(request.path);
+    ++m_counts[path].requests;
+    auto found = m_faults.find(path);
     if (found == m_faults.end())
         found = m_faults.find("*");
     if (found == m_faults.end())
@@ -273,164 +199,114 @@ Misbehaviour HttpServer::count(const Request& request)
     return fault;
 }
 
-bool HttpServer::answer(int socket, const Request& request, const Misbehaviour& fault)
+HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehaviour& fault) const
 {
     Answer answer;
-    const std::filesystem::path path = m_folder / request.path.substr(1);
-    const auto closeFile = [&answer] {
-        if (answer.file >= 0)
-            ::close(answer.file);
-    };
-    answer.file = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat status = {};
-    const bool exists =
-        answer.file >= 0 && ::fstat(answer.file, &status) == 0 && S_ISREG(status.st_mode);
-
-    int code = exists ? 200 : 404;
-    std::string text = fault.body.value_or("no such file\n");
-    if (fault.body)
-        code = 200;
-    if (!fault.redirectTo.empty())
-        code = 302;
-    if (fault.status != 0) {
+    answer.file = m_folder / request.path.substr(1);
+    std::error_code error;
+    const std::uint64_t size = std::filesystem::file_size(answer.file, error);
+    int code = 200;
+    if (fault.status != 0)
         code = fault.status;
-        text = "scripted answer\n";
-    }
-
+    else if (!fault.redirectTo.empty())
+        code = 302;
+    else if (error && !fault.body)
+        code = 404;
     std::string headers;
-    std::uint64_t length = 0;
-    if (code == 200 && !fault.body) {
-        const auto size = static_cast<std::uint64_t>(status.st_size);
-        const std::uint64_t told = size + static_cast<std::uint64_t>(fault.totalError);
-        const std::string etag = fault.etag.empty() ? '"' + std::to_string(size) + '-' +
-                                                          std::to_string(status.st_mtime) + '"'
-                                                    : fault.etag;
-        headers += "ETag: " + etag + "\r\nAccept-Ranges: bytes\r\n";
-        answer.end = size;
+    const auto add = [&headers](const std::string& name, const std::string& value) {
+        if (!value.empty())
+            headers += name + ": " + value + "\r\n";
+    };
+    std::int64_t length = 0;
+    if (code != 200 || fault.body) {
+        answer.text = code == 200 ? *fault.body : "scripted answer\n";
+        answer.end = answer.text.size();
+        length = static_cast<std::int64_t>(answer.end);
+    } else {
+        const std::string told = std::to_string(static_cast<std::int64_t>(size) + fault.totalError);
+        const auto age = std::filesystem::last_write_time(answer.file, error).time_since_epoch();
+        const std::string etag =
+            '"' + std::to_string(size) + '-' + std::to_string(age.count()) + '"';
+        add("ETag", etag);
         unsigned long long first = 0;
         unsigned long long last = size == 0 ? 0 : size - 1;
-        const auto range = request.headers.find("range");
-        const auto ifRange = request.headers.find("if-range");
         const bool ranged =
-            range != request.headers.end() && !fault.ignoreRange &&
-            (ifRange == request.headers.end() || ifRange->second == etag) &&
-            std::sscanf(range->second.c_str(), "bytes=%llu-%llu", &first, &last) >= 1;
-        if (ranged && first >= size) {
-            code = 416;
-            answer.end = 0;
-            headers += "Content-Range: bytes */" + std::to_string(told) + "\r\n";
-        } else if (ranged) {
+            !fault.ignoreRange && (request.ifRange.empty() || request.ifRange == etag) &&
+            std::sscanf(request.range.c_str(), "bytes=%llu-%llu", &first, &last) >= 1 &&
+            first < size;
+        answer.end = size;
+        if (ranged) {
             code = 206;
             answer.first = first;
             answer.end = std::min<std::uint64_t>(last + 1, size);
             const std::uint64_t shift = fault.wrongContentRange ? 1 : 0;
-            headers += "Content-Range: bytes " + std::to_string(answer.first + shift) + '-' +
-                       std::to_string(answer.end - 1 + shift) + '/' + std::to_string(told) + "\r\n";
+            add("Content-Range", "bytes " + std::to_string(answer.first + shift) + '-' +
+                                     std::to_string(answer.end - 1 + shift) + '/' + told);
         }
-        length = answer.end - answer.first;
-        if (code == 200)
-            length += static_cast<std::uint64_t>(fault.totalError);
-        if (fault.bodyError < 0)
-            answer.end -= static_cast<std::uint64_t>(-fault.bodyError);
-        else
-            answer.zeros = static_cast<std::uint64_t>(fault.bodyError);
-        text.clear();
-    } else {
-        length = text.size();
+        length = static_cast<std::int64_t>(answer.end - answer.first) + fault.lengthError +
+                 (code == 200 ? fault.totalError : 0);
+        answer.end -= static_cast<std::uint64_t>(-std::min<std::int64_t>(fault.bodyError, 0));
+        answer.zeros = fault.endless
+                           ? UINT64_MAX / 2
+                           : static_cast<std::uint64_t>(std::max<std::int64_t>(fault.bodyError, 0));
     }
-    if (!fault.redirectTo.empty())
-        headers += "Location: " + fault.redirectTo + "\r\n";
-    if (!fault.contentType.empty())
-        headers += "Content-Type: " + fault.contentType + "\r\n";
-    if (!fault.contentEncoding.empty())
-        headers += "Content-Encoding: " + fault.contentEncoding + "\r\n";
-    if (fault.retryAfter)
-        headers += "Retry-After: " + std::to_string(*fault.retryAfter) + "\r\n";
-    if (fault.untoldLength || fault.endless) {
-        headers += "Connection: close\r\n";
-        answer.keepAlive = false;
-    } else {
-        length += static_cast<std::uint64_t>(fault.lengthError);
-        headers += "Content-Length: " + std::to_string(length) + "\r\n";
-        answer.keepAlive = fault.lengthError == 0 && fault.bodyError == 0 && fault.totalError == 0;
-    }
-    const std::string head =
-        "HTTP/1.1 " + std::to_string(code) + ' ' + reason(code) + "\r\n" + headers + "\r\n";
-    bool goesOn = sendAll(socket, head.data(), head.size());
-    if (goesOn && !text.empty())
-        goesOn = sendCounted(socket, request.path, text.data(), text.size());
-    else if (goesOn)
-        goesOn = sendBody(socket, request, answer, fault);
-    closeFile();
-    return goesOn && answer.keepAlive;
+    answer.keepAlive =
+        !fault.endless && fault.lengthError == 0 && fault.bodyError == 0 && fault.totalError == 0;
+    add("Location", fault.redirectTo);
+    add("Content-Type", fault.contentType);
+    add("Connection", answer.keepAlive ? "" : "close");
+    add("Content-Length", fault.endless ? "" : std::to_string(length));
+    answer.head = "HTTP/1.1 " + std::to_string(code) + " Scripted\r\n" + headers + "\r\n";
+    return answer;
 }
 
-bool HttpServer::sendBody(int socket, const Request& request, const Answer& answer,
+bool HttpServer::sendBody(int socket, const std::string& path, const Answer& answer,
                           const Misbehaviour& fault)
 {
     const std::uint64_t fileBytes = answer.end - answer.first;
-    const std::uint64_t total = fault.endless ? UINT64_MAX : fileBytes + answer.zeros;
-    std::vector<char> piece(pieceSize);
-    std::uint64_t sent = 0;
-    while (sent < total) {
-        std::uint64_t size = std::min<std::uint64_t>(piece.size(), total - sent);
-        if (fault.stallAfter && sent == *fault.stallAfter && !stall(socket))
+    std::istringstream text(answer.text);
+    std::ifstream file(answer.file, std::ios::binary);
+    std::istream& bytes = answer.text.empty() ? static_cast<std::istream&>(file) : text;
+    bytes.seekg(static_cast<std::streamoff>(answer.first));
+    const std::uint64_t total = fileBytes + answer.zeros;
+    for (std::uint64_t sent = 0; sent < total;) {
+        if (m_stopping || fault.cutAfter == sent || (fault.stallAfter == sent && !stall(socket)))
             return false;
-        if (fault.stallAfter && sent < *fault.stallAfter)
-            size = std::min(size, *fault.stallAfter - sent);
-        if (fault.cutAfter) {
-            size = std::min(size, *fault.cutAfter - sent);
-            if (size == 0)
-                return false;
-        }
-        if (sent < fileBytes) {
-            size = std::min(size, fileBytes - sent);
-            const std::uint64_t offset = answer.first + sent;
-            if (::pread(answer.file, piece.data(), static_cast<std::size_t>(size),
-                        static_cast<off_t>(offset)) != static_cast<ssize_t>(size))
-                return false;
-            if (fault.flipByteAt && *fault.flipByteAt >= offset &&
-                *fault.flipByteAt < offset + size) {
-                char& byte = piece[static_cast<std::size_t>(*fault.flipByteAt - offset)];
-                byte = static_cast<char>(byte ^ 1);
-            }
-        } else {
-            std::fill(piece.begin(), piece.end(), '\0');
-        }
-        if (m_stopping ||
-            !sendCounted(socket, request.path, piece.data(), static_cast<std::size_t>(size)))
+        std::uint64_t end = std::min(total, sent + pieceSize);
+        for (const std::uint64_t border :
+             {fileBytes, fault.cutAfter.value_or(end), fault.stallAfter.value_or(end)})
+            end = border > sent ? std::min(end, border) : end;
+        std::string piece(static_cast<std::size_t>(end - sent), '\0');
+        if (sent < fileBytes &&
+            !bytes.read(piece.data(), static_cast<std::streamsize>(piece.size())))
             return false;
-        sent += size;
+        const std::uint64_t offset = answer.first + sent;
+        if (fault.flipByteAt && *fault.flipByteAt >= offset &&
+            *fault.flipByteAt < offset + piece.size()) {
+            char& byte = piece[static_cast<std::size_t>(*fault.flipByteAt - offset)];
+            byte = static_cast<char>(byte ^ 1);
+        }
+        if (!sendAll(socket, piece))
+            return false;
+        const std::lock_guard lock(m_mutex);
+        m_counts[path].bytes += piece.size();
+        sent = end;
     }
-    return true;
-}
-
-bool HttpServer::sendCounted(int socket, const std::string& path, const char* bytes,
-                             std::size_t size)
-{
-    if (!sendAll(socket, bytes, size))
-        return false;
-    const std::lock_guard lock(m_mutex);
-    m_counts[path].bytes += size;
     return true;
 }
 
 bool HttpServer::stall(int socket)
 {
     std::unique_lock lock(m_mutex);
-    ++m_stalled;
-    m_changed.notify_all();
-    bool hungUp = false;
-    while (!m_stopping && !m_released && !hungUp) {
-        lock.unlock();
-        // A client that hung up frees the thread.
-        pollfd watched{socket, POLLRDHUP, 0};
-        hungUp = ::poll(&watched, 1, 0) > 0;
-        lock.lock();
+    const int resets = m_resets;
+    do {
         m_changed.wait_for(lock, std::chrono::milliseconds(20));
-    }
-    --m_stalled;
-    return !hungUp;
+        // A client that hung up frees the thread, and nothing more counts as sent to it.
+        pollfd watched{socket, POLLRDHUP, 0};
+        if (::poll(&watched, 1, 0) > 0)
+            return false;
+    } while (!m_stopping && m_resets == resets);
+    return !m_stopping;
 }
 
 } // namespace testsupport

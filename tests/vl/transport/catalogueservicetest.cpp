@@ -47,21 +47,15 @@ private Q_SLOTS:
 
     void catalogueIsBelievedOrNot_data();
     void catalogueIsBelievedOrNot();
-    void otherRepositoriesAreRefused();
-    void olderSerialsAreRefused();
-    void passedDateOnlyWarns();
+    void otherRepositoriesAndOlderSerialsAreRefused();
     void fetchedCatalogueIsReused();
     void budgetIsSpentOnce_data();
     void budgetIsSpentOnce();
     void noNetworkAfterAFailure();
     void lateCatalogueIsSavedForTheNextStart();
-    void damagedCopyIsNotUsed();
     void copySurvivesACrashWhileSaving();
-    void readOnlyRootIsLeftAlone();
-    void missingConfigurationIsNamed();
     void manifestsAreVerified_data();
     void manifestsAreVerified();
-    void savedManifestSparesTheNetwork();
 
 private:
     using Prepare = std::function<void(CatalogueServiceTest&)>;
@@ -72,10 +66,9 @@ private:
         return vl::sign(text, m_keys.secretKey, "timestamp:1");
     }
     void publish(const std::string& text);
-    void configure(const std::string& more = {});
     std::uint64_t serialOf(CatalogueService& service, bool fresh = false);
     /// The serial that a new process finds.
-    std::uint64_t serialAtStart(bool readOnly = false);
+    std::uint64_t serialAtStart();
     testsupport::HttpServer& server() { return m_fixture->server(); }
 
     std::unique_ptr<TransportFixture> m_fixture;
@@ -105,7 +98,9 @@ void CatalogueServiceTest::initTestCase()
 void CatalogueServiceTest::init()
 {
     m_fixture = std::make_unique<TransportFixture>();
-    configure();
+    const nlohmann::json config{{"repository", server().address()},
+                                {"publicKeys", {vl::writePublicKey(m_keys.publicKey)}}};
+    QVERIFY(vl::writeWholeFile(m_fixture->root() / "vl.json", config.dump()));
     publish(catalogueText(newSerial));
     m_fixture->write(m_manifestPath, m_manifestText);
 }
@@ -129,15 +124,6 @@ void CatalogueServiceTest::publish(const std::string& text)
     m_fixture->write("catalogue.json.minisig", signatureOf(text));
 }
 
-void CatalogueServiceTest::configure(const std::string& more)
-{
-    nlohmann::json config{{"repository", server().address()},
-                          {"publicKeys", {vl::writePublicKey(m_keys.publicKey)}}};
-    if (!more.empty())
-        config["repositoryId"] = more;
-    QVERIFY(vl::writeWholeFile(m_fixture->root() / "vl.json", config.dump()));
-}
-
 std::uint64_t CatalogueServiceTest::serialOf(CatalogueService& service, bool fresh)
 {
     const auto catalogue = service.catalogue(fresh);
@@ -145,9 +131,9 @@ std::uint64_t CatalogueServiceTest::serialOf(CatalogueService& service, bool fre
     return catalogue ? (*catalogue)->serial : 0;
 }
 
-std::uint64_t CatalogueServiceTest::serialAtStart(bool readOnly)
+std::uint64_t CatalogueServiceTest::serialAtStart()
 {
-    CatalogueService service(m_fixture->root(), readOnly, patient(), m_log);
+    CatalogueService service(m_fixture->root(), false, patient(), m_log);
     return serialOf(service);
 }
 
@@ -156,52 +142,30 @@ void CatalogueServiceTest::catalogueIsBelievedOrNot_data()
     QTest::addColumn<Prepare>("prepare");
     QTest::addColumn<int>("code");
     QTest::addColumn<int>("signatureRequests");
-
+    using Test = CatalogueServiceTest;
     const auto row = [](const char* name, int code, int requests, Prepare prepare) {
         QTest::newRow(name) << prepare << code << requests;
     };
-    using Test = CatalogueServiceTest;
-    const std::string json = "/catalogue.json";
-    const std::string minisig = "/catalogue.json.minisig";
+    const auto fault = [](const char* path, Misbehaviour misbehaviour) {
+        return [=](Test& test) { test.server().misbehave(path, misbehaviour); };
+    };
+    const std::string text = catalogueText(newSerial);
+    const std::string others = signatureOf(catalogueText(newSerial + 1));
+    const std::string strangers =
+        vl::sign(text, vl::generateKeyPair().value().secretKey, "timestamp:1");
+    const char* const json = "/catalogue.json";
+    const char* const minisig = "/catalogue.json.minisig";
+    constexpr int bad = vlupd::UPDATER_DATA_ERROR;
     row("good", vlupd::OK, 1, [](Test&) {});
-    row("another key", vlupd::UPDATER_DATA_ERROR, 2, [](Test& test) {
-        const std::string text = test.catalogueText(newSerial);
-        const vl::KeyPair stranger = vl::generateKeyPair().value();
-        test.m_fixture->write("catalogue.json.minisig",
-                              vl::sign(text, stranger.secretKey, "timestamp:1"));
-    });
-    row("update in flight", vlupd::OK, 2, [=](Test& test) {
-        test.server().misbehave(
-            minisig, {.times = 1, .body = test.signatureOf(test.catalogueText(newSerial + 1))});
-    });
-    row("pair that never fits", vlupd::UPDATER_DATA_ERROR, 2, [=](Test& test) {
-        test.server().misbehave(minisig,
-                                {.body = test.signatureOf(test.catalogueText(newSerial + 1))});
-    });
-    row("half a catalogue from a cache", vlupd::OK, 2, [=](Test& test) {
-        test.server().misbehave(json,
-                                {.times = 1, .body = test.catalogueText(newSerial).substr(0, 99)});
-    });
-    row("cut catalogue", vlupd::RSYNC_ERROR, 1,
-        [=](Test& test) { test.server().misbehave(json, {.cutAfter = 50}); });
-    row("endless catalogue", vlupd::CONTENT_LEN_ERROR, 1,
-        [=](Test& test) { test.server().misbehave(json, {.endless = true}); });
-    row("unsigned", vlupd::RSYNC_ERROR, 1,
-        [=](Test& test) { test.server().misbehave(minisig, {.status = 404}); });
-    row("empty signature", vlupd::UPDATER_DATA_ERROR, 2,
-        [=](Test& test) { test.server().misbehave(minisig, {.body = ""}); });
-    row("signed rubbish", vlupd::UPDATER_DATA_ERROR, 2,
-        [](Test& test) { test.publish("{\"format\":1"); });
-    row("format of the future", vlupd::UPDATER_DATA_ERROR, 2, [](Test& test) {
-        nlohmann::json later = nlohmann::json::parse(test.catalogueText(newSerial));
-        later["format"] = 2;
-        test.publish(later.dump());
-    });
-    row("log-in page", vlupd::UPDATER_DATA_ERROR, 2, [](Test& test) {
-        test.server().misbehave("*", {.body = "<html>", .contentType = "text/html"});
-    });
-    row("server in trouble", vlupd::RSYNC_ERROR, 1,
-        [](Test& test) { test.server().misbehave("*", {.status = 500}); });
+    row("another key", bad, 2, fault(minisig, {.body = strangers}));
+    row("update in flight", vlupd::OK, 2, fault(minisig, {.times = 1, .body = others}));
+    row("pair that never fits", bad, 2, fault(minisig, {.body = others}));
+    row("half from a cache", vlupd::OK, 2, fault(json, {.times = 1, .body = text.substr(0, 99)}));
+    row("cut", vlupd::RSYNC_ERROR, 1, fault(json, {.cutAfter = 50}));
+    row("endless", vlupd::CONTENT_LEN_ERROR, 1, fault(json, {.endless = true}));
+    row("unsigned", vlupd::RSYNC_ERROR, 1, fault(minisig, {.status = 404}));
+    row("signed rubbish", bad, 2, [](Test& test) { test.publish("{\"format\":1"); });
+    row("log-in page", bad, 2, fault("*", {.body = "<html>", .contentType = "text/html"}));
     row("no server", vlupd::RSYNC_ERROR, 0, [](Test& test) { test.server().stop(); });
 }
 
@@ -214,78 +178,53 @@ void CatalogueServiceTest::catalogueIsBelievedOrNot()
 
     // Without a saved copy, what is wrong is told.
     prepare(*this);
-    const std::uint64_t first = serialAtStart();
-    QVERIFY2((m_error ? m_error->code : vlupd::OK) == code,
-             m_error ? m_error->message.c_str() : "");
-    QCOMPARE(quint64(first), quint64(isGood ? newSerial : 0));
+    QCOMPARE(serialAtStart(), isGood ? newSerial : 0);
+    QCOMPARE(m_error ? int(m_error->code) : int(vlupd::OK), code);
     QCOMPARE(server().requests("/catalogue.json.minisig"), signatureRequests);
 
     // With one, it is used unless something better arrives.
     init();
     publish(catalogueText(oldSerial));
-    QCOMPARE(quint64(serialAtStart()), quint64(oldSerial));
+    QCOMPARE(serialAtStart(), oldSerial);
     publish(catalogueText(newSerial));
     prepare(*this);
-    QCOMPARE(quint64(serialAtStart()), quint64(isGood ? newSerial : oldSerial));
+    QCOMPARE(serialAtStart(), isGood ? newSerial : oldSerial);
 }
 
-void CatalogueServiceTest::otherRepositoriesAreRefused()
+void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
 {
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
+    QCOMPARE(serialAtStart(), newSerial);
     publish(catalogueText(newSerial + 1, "stranger"));
-    CatalogueService service(m_fixture->root(), false, patient(), m_log);
-    QCOMPARE(quint64(serialOf(service)), quint64(newSerial));
-
-    // The configuration may name another one; then the saved copy is the stranger.
-    configure("stranger");
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial + 1));
-    configure("third");
-    QCOMPARE(quint64(serialAtStart()), quint64(0));
-    QCOMPARE(int(m_error->code), int(vlupd::UPDATER_DATA_ERROR));
-}
-
-void CatalogueServiceTest::olderSerialsAreRefused()
-{
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
+    QCOMPARE(serialAtStart(), newSerial);
     publish(catalogueText(oldSerial));
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
-    // The copy may be lost or put back from a backup: the memory of the serial counts.
-    const auto folder = m_fixture->root() / "catalogue";
-    QVERIFY(vl::writeWholeFile(folder / "catalogue.json", catalogueText(oldSerial)));
-    QVERIFY(vl::writeWholeFile(folder / "catalogue.json.minisig",
-                               signatureOf(catalogueText(oldSerial))));
-    QCOMPARE(quint64(serialAtStart()), quint64(0));
+    QCOMPARE(serialAtStart(), newSerial);
+    // The copy may be put back from a backup or damaged: the memory of the serial counts.
+    const auto copy = m_fixture->root() / "catalogue" / "catalogue.json";
+    QVERIFY(vl::writeWholeFile(copy, catalogueText(oldSerial)));
+    QVERIFY(vl::writeWholeFile(copy.string() + ".minisig", signatureOf(catalogueText(oldSerial))));
+    QCOMPARE(serialAtStart(), 0U);
     QCOMPARE(int(m_error->code), int(vlupd::UPDATER_DATA_ERROR));
+    server().stop();
+    QVERIFY(vl::writeWholeFile(copy, catalogueText(newSerial)));
+    QCOMPARE(serialAtStart(), 0U);
     // A damaged memory is no reason to refuse everything.
-    QVERIFY(vl::writeWholeFile(folder / "seen.json", "{"));
-    QCOMPARE(quint64(serialAtStart()), quint64(oldSerial));
-}
-
-void CatalogueServiceTest::passedDateOnlyWarns()
-{
-    nlohmann::json expired = nlohmann::json::parse(catalogueText(newSerial));
-    expired["expires"] = "2001-02-03";
-    publish(expired.dump());
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
-    std::stringbuf lines;
-    m_log.setBuffer(&lines);
-    m_log.deliver();
-    m_log.setBuffer(nullptr);
-    QVERIFY2(lines.str().find("replaced by 2001-02-03") != std::string::npos, lines.str().c_str());
+    QVERIFY(vl::writeWholeFile(copy.parent_path() / "seen.json", "{"));
+    QVERIFY(vl::writeWholeFile(copy, catalogueText(oldSerial)));
+    QCOMPARE(serialAtStart(), oldSerial);
 }
 
 void CatalogueServiceTest::fetchedCatalogueIsReused()
 {
     CatalogueService service(m_fixture->root(), false, patient(), m_log);
     for (int i = 0; i < 3; ++i)
-        QCOMPARE(quint64(serialOf(service)), quint64(newSerial));
+        QCOMPARE(serialOf(service), newSerial);
     QCOMPARE(server().requests(), 2);
     // The signature alone tells that nothing is new.
-    QCOMPARE(quint64(serialOf(service, true)), quint64(newSerial));
+    QCOMPARE(serialOf(service, true), newSerial);
     QCOMPARE(server().requests("/catalogue.json"), 1);
     publish(catalogueText(newSerial + 1));
-    QCOMPARE(quint64(serialOf(service)), quint64(newSerial));
-    QCOMPARE(quint64(serialOf(service, true)), quint64(newSerial + 1));
+    QCOMPARE(serialOf(service), newSerial);
+    QCOMPARE(serialOf(service, true), newSerial + 1);
 }
 
 void CatalogueServiceTest::budgetIsSpentOnce_data()
@@ -299,7 +238,7 @@ void CatalogueServiceTest::budgetIsSpentOnce()
 {
     QFETCH(bool, isSaved);
     if (isSaved)
-        QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
+        QCOMPARE(serialAtStart(), newSerial);
     server().reset();
     server().misbehave("*", {.stallAfter = 0});
     Limits limits = hurried();
@@ -309,11 +248,11 @@ void CatalogueServiceTest::budgetIsSpentOnce()
         vl::Log log;
         CatalogueService service(m_fixture->root(), false, limits, log);
         for (int i = 0; i < 100; ++i)
-            QCOMPARE(quint64(serialOf(service)), quint64(isSaved ? newSerial : 0));
+            QCOMPARE(serialOf(service), isSaved ? newSerial : 0);
         QVERIFY(std::chrono::steady_clock::now() - start >= (isSaved ? 150ms : 300ms));
         QCOMPARE(server().requests(), 1);
         // An installation may wait anew, for the fetch that is still under way.
-        QCOMPARE(quint64(serialOf(service, true)), quint64(isSaved ? newSerial : 0));
+        QCOMPARE(serialOf(service, true), isSaved ? newSerial : 0);
         QCOMPARE(server().requests(), 1);
     }
     // A hundred budgets, or an end that waits for the network, would take longer.
@@ -325,7 +264,7 @@ void CatalogueServiceTest::noNetworkAfterAFailure()
     server().misbehave("*", {.status = 500});
     CatalogueService service(m_fixture->root(), false, patient(), m_log);
     for (int i = 0; i < 5; ++i) {
-        QCOMPARE(quint64(serialOf(service, i % 2 == 0)), quint64(0));
+        QCOMPARE(serialOf(service, i % 2 == 0), 0U);
         QCOMPARE(int(m_error->code), int(vlupd::RSYNC_ERROR));
     }
     QCOMPARE(server().requests(), 1);
@@ -335,37 +274,24 @@ void CatalogueServiceTest::noNetworkAfterAFailure()
     server().reset();
     server().misbehave("*", {.times = 1, .status = 500});
     CatalogueService eager(m_fixture->root(), false, limits, m_log);
-    QCOMPARE(quint64(serialOf(eager)), quint64(0));
-    QCOMPARE(quint64(serialOf(eager)), quint64(newSerial));
+    QCOMPARE(serialOf(eager), 0U);
+    QCOMPARE(serialOf(eager), newSerial);
 }
 
 void CatalogueServiceTest::lateCatalogueIsSavedForTheNextStart()
 {
     publish(catalogueText(oldSerial));
-    QCOMPARE(quint64(serialAtStart()), quint64(oldSerial));
+    QCOMPARE(serialAtStart(), oldSerial);
     publish(catalogueText(newSerial));
     server().misbehave("/catalogue.json", {.stallAfter = 20});
     {
         CatalogueService service(m_fixture->root(), false, hurried(), m_log);
-        QCOMPARE(quint64(serialOf(service)), quint64(oldSerial));
-        server().release();
-        QTRY_COMPARE(quint64(serialOf(service)), quint64(newSerial));
+        QCOMPARE(serialOf(service), oldSerial);
+        server().reset();
+        QTRY_COMPARE(serialOf(service), newSerial);
     }
     server().stop();
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
-}
-
-void CatalogueServiceTest::damagedCopyIsNotUsed()
-{
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
-    server().stop();
-    QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
-    const auto copy = m_fixture->root() / "catalogue" / "catalogue.json";
-    std::string text = vl::readWholeFile(copy, vl::maxCatalogueSize).value();
-    text.replace(text.find("2026"), 4, "2027");
-    QVERIFY(vl::writeWholeFile(copy, text));
-    QCOMPARE(quint64(serialAtStart()), quint64(0));
-    QCOMPARE(int(m_error->code), int(vlupd::RSYNC_ERROR));
+    QCOMPARE(serialAtStart(), newSerial);
 }
 
 void CatalogueServiceTest::copySurvivesACrashWhileSaving()
@@ -374,7 +300,7 @@ void CatalogueServiceTest::copySurvivesACrashWhileSaving()
     for (int works = 0;; ++works) {
         init();
         publish(catalogueText(oldSerial));
-        QCOMPARE(quint64(serialAtStart()), quint64(oldSerial));
+        QCOMPARE(serialAtStart(), oldSerial);
         publish(catalogueText(newSerial));
         std::atomic<int> done{0};
         vl::setFileFault([&](vl::FileOperation what, const std::filesystem::path&) {
@@ -382,32 +308,17 @@ void CatalogueServiceTest::copySurvivesACrashWhileSaving()
             return changes && done++ >= works ? std::optional<int>(EIO) : std::nullopt;
         });
         // The catalogue is good, whether it can be saved or not.
-        QCOMPARE(quint64(serialAtStart()), quint64(newSerial));
+        QCOMPARE(serialAtStart(), newSerial);
         vl::setFileFault({});
         server().stop();
         const std::uint64_t kept = serialAtStart();
         QVERIFY2(kept == oldSerial || kept == newSerial, std::to_string(works).c_str());
         if (done <= works) {
             QVERIFY(works > 5);
-            QCOMPARE(quint64(kept), quint64(newSerial));
+            QCOMPARE(kept, newSerial);
             break;
         }
     }
-}
-
-void CatalogueServiceTest::readOnlyRootIsLeftAlone()
-{
-    QCOMPARE(quint64(serialAtStart(true)), quint64(newSerial));
-    QVERIFY(!std::filesystem::exists(m_fixture->root() / "catalogue"));
-}
-
-void CatalogueServiceTest::missingConfigurationIsNamed()
-{
-    QVERIFY(vl::removeFile(m_fixture->root() / "vl.json"));
-    QCOMPARE(quint64(serialAtStart()), quint64(0));
-    QCOMPARE(int(m_error->code), int(vlupd::UPDATER_DATA_ERROR));
-    QVERIFY(m_error->message.find("vl.json") != std::string::npos);
-    QCOMPARE(server().requests(), 0);
 }
 
 void CatalogueServiceTest::manifestsAreVerified_data()
@@ -421,13 +332,11 @@ void CatalogueServiceTest::manifestsAreVerified_data()
         QTest::newRow(name) << QString::fromStdString(key) << fault << code << requests;
     };
     row("good", {}, vlupd::OK, 1);
-    row("500 once", {.times = 1, .status = 500}, vlupd::OK, 2);
     row("no such manifest", {.status = 404}, vlupd::RSYNC_ERROR, 1);
     row("one wrong byte once", {.times = 1, .flipByteAt = 20}, vlupd::OK, 2);
     row("one wrong byte", {.flipByteAt = 20}, vlupd::BROKEN_OR_MISSING, 2);
     row("too short", {.body = "{}"}, vlupd::CONTENT_LEN_ERROR, 2);
-    row("too long", {.untoldLength = true, .bodyError = 1}, vlupd::CONTENT_LEN_ERROR, 2);
-    row("log-in page", {.body = "<html>"}, vlupd::UPDATER_DATA_ERROR, 1);
+    row("endless", {.endless = true}, vlupd::CONTENT_LEN_ERROR, 2);
     row("unknown version", {}, vlupd::NOT_FOUND, 0, "9.9.9");
 }
 
@@ -452,24 +361,6 @@ void CatalogueServiceTest::manifestsAreVerified()
              code == vlupd::OK);
     if (manifest)
         QVERIFY(manifest->find("simulator") != nullptr);
-}
-
-void CatalogueServiceTest::savedManifestSparesTheNetwork()
-{
-    CatalogueService service(m_fixture->root(), false, patient(), m_log);
-    const auto catalogue = service.catalogue(false);
-    QVERIFY(catalogue);
-    LoggedOperation operation;
-    const auto source = m_fixture->open();
-    const auto fetch = [&] { return service.manifest(**catalogue, version, *source, *operation); };
-    QVERIFY(fetch());
-    QVERIFY(fetch());
-    QCOMPARE(server().requests('/' + m_manifestPath), 1);
-    const auto saved = vl::savedManifestPath(m_fixture->root(), vl::hashOf(m_manifestText));
-    QVERIFY(vl::writeWholeFile(saved, "{}"));
-    QVERIFY(fetch());
-    QCOMPARE(server().requests('/' + m_manifestPath), 2);
-    QCOMPARE(vl::readWholeFile(saved, 10'000).value(), m_manifestText);
 }
 
 QTEST_GUILESS_MAIN(CatalogueServiceTest)

@@ -22,12 +22,10 @@ void TransportFixture::write(const std::string& path, const std::string& text) c
 }
 
 std::unique_ptr<vl::Source> TransportFixture::open(const std::string& repository,
-                                                   const vl::SourceOptions& options,
-                                                   std::uint64_t maxBytesPerSecond) const
+                                                   const vl::SourceOptions& options) const
 {
     vl::Config config;
     config.repository = repository.empty() ? m_server->address() : repository;
-    config.maxBytesPerSecond = maxBytesPerSecond;
     return vl::openSource(config, m_root, options).value();
 }
 
@@ -39,23 +37,11 @@ vl::SourceOptions TransportFixture::impatient()
             .rangeRetries = 2};
 }
 
-std::string TransportFixture::noise(std::size_t size, unsigned seed)
+std::string TransportFixture::noise(std::size_t size)
 {
-    std::mt19937 generator(seed);
+    std::mt19937 generator(1);
     std::string text(size, '\0');
     for (char& byte : text)
         byte = static_cast<char>(generator());
     return text;
-}
-
-LoggedOperation::LoggedOperation(vl::Operation::Progress progress)
-    : m_operation(m_log, std::move(progress))
-{
-    m_log.setBuffer(&m_buffer);
-}
-
-std::string LoggedOperation::lines()
-{
-    m_log.deliver();
-    return m_buffer.str();
 }

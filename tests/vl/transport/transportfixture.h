@@ -5,8 +5,6 @@
 
 #include <QTemporaryDir>
 
-#include <sstream>
-
 /// A repository folder, the misbehaving server in front of it and a root beside it.
 class TransportFixture
 {
@@ -20,13 +18,12 @@ public:
     void write(const std::string& path, const std::string& text) const;
     /// A source for `repository`; empty: the server.
     std::unique_ptr<vl::Source> open(const std::string& repository = {},
-                                     const vl::SourceOptions& options = impatient(),
-                                     std::uint64_t maxBytesPerSecond = 0) const;
+                                     const vl::SourceOptions& options = impatient()) const;
 
     /// Pauses of a few milliseconds, two retries.
     static vl::SourceOptions impatient();
     /// `size` bytes without a pattern, the same in every run.
-    static std::string noise(std::size_t size, unsigned seed = 1);
+    static std::string noise(std::size_t size);
 
 private:
     QTemporaryDir m_directory;
@@ -35,17 +32,18 @@ private:
     std::unique_ptr<testsupport::HttpServer> m_server;
 };
 
-/// An operation whose log lines can be read.
+/// An operation with a log of its own.
 class LoggedOperation
 {
 public:
-    explicit LoggedOperation(vl::Operation::Progress progress = {});
+    explicit LoggedOperation(vl::Operation::Progress progress = {})
+        : m_operation(m_log, std::move(progress))
+    {
+    }
     vl::Operation& operator*() { return m_operation; }
     vl::Operation* operator->() { return &m_operation; }
-    std::string lines();
 
 private:
     vl::Log m_log;
-    std::stringbuf m_buffer;
     vl::Operation m_operation;
 };
