@@ -161,9 +161,8 @@ Expected<void> Installation::fill()
                            m_manifest.pack.size);
     if (!m_operation.pump())
         return tl::unexpected(endedByCaller());
-    auto downloaded =
-        downloadPack(*m_source, m_manifest.pack, m_partFile, m_operation,
-                     [&](std::size_t index) { return unpacker.frameReady(index); });
+    auto downloaded = downloadPack(*m_source, m_manifest.pack, m_partFile, m_operation,
+                                   [&](std::size_t index) { return unpacker.frameReady(index); });
     if (!downloaded)
         return downloaded;
     m_operation.endStage();
