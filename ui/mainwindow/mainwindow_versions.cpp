@@ -16,8 +16,8 @@ void MainWindow::checkForUpdates()
         store.getValue(settings::vcsGroup, settings::showSpecialVersions, true, false)
             .value_or(false);
     const auto catalogue = availableVersionsJson(true, showSpecial);
-    const auto known = store.getValue(settings::vcsGroup, settings::availableVersions, true,
-                                      QStringList(QString()));
+    const auto known =
+        store.getValue(settings::vcsGroup, settings::availableVersions, true, QStringList());
     const NewVersionCheck check = checkForNewVersions(catalogue, known);
     store.setValue(settings::stateGroup, settings::shouldHideNewUpdateNotification,
                    check.hideNotification);
@@ -74,7 +74,7 @@ void MainWindow::refreshUpdateNotification()
 void MainWindow::refreshVersions()
 {
     const auto available = SettingsStore::instance().getValue(
-        settings::vcsGroup, settings::availableVersions, true, QStringList(QString()));
+        settings::vcsGroup, settings::availableVersions, true, QStringList());
     const auto installed = latestInstalledVersion();
     ui->versionsComboBox->clear();
     for (const VersionItem& item : versionItems(
