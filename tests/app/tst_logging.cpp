@@ -25,7 +25,7 @@ private Q_SLOTS:
 namespace {
 
 const QString logName = QStringLiteral("current.log");
-constexpr int linesPerThread = 1000;
+constexpr qsizetype linesPerThread = 1000;
 
 /// Behind an application object that logging was installed for.
 template <void (*body)()> int scenario(int& argc, char** argv)
@@ -59,26 +59,6 @@ void libraryText()
         stream << "counted";
 }
 
-/// Gives the test a way to the operation that a stream never calls this way.
-class OpenBuffer final : public windowbuf
-{
-public:
-    using windowbuf::overflow;
-};
-
-void endOfFile()
-{
-    if (OpenBuffer().overflow(std::char_traits<char>::eof()) == 0)
-        qDebug() << "nothing logged";
-}
-
-void freedLog()
-{
-    qDebug() << "lost";
-    QDir(QCoreApplication::applicationDirPath() % u'/' % logName).removeRecursively();
-    qDebug() << "kept";
-}
-
 void threads()
 {
     const auto log = [](char name) {
@@ -98,15 +78,6 @@ int beforeApplication(int& argc, char** argv)
     qDebug() << "early";
     const QCoreApplication application(argc, argv);
     qDebug() << "late";
-    return 0;
-}
-
-int withoutApplication(int& /*argc*/, char** /*argv*/)
-{
-    installLogging();
-    for (int i = 0; i < 100'000; ++i)
-        qDebug() << "nowhere to go";
-    flushLog();
     return 0;
 }
 
@@ -148,13 +119,9 @@ void TestLogging::lines_data()
     QTest::newRow("one line per write of the library")
         << "libraryText" << none
         << "> debug - abc\n> debug - \n\n> debug - to the end\n> debug - counted\n";
-    QTest::newRow("end of file") << "endOfFile" << none << "> debug - nothing logged\n";
     QTest::newRow("folder in its place") << "types" << QByteArray("folder") << "";
-    QTest::newRow("log that can be opened later")
-        << "freedLog" << QByteArray("folder") << "> debug - kept\n";
     QTest::newRow("before the application")
         << "beforeApplication" << none << "> debug - early\n> debug - late\n";
-    QTest::newRow("without an application") << "withoutApplication" << none << "";
     QTest::newRow("while statics are destroyed")
         << "staticDestruction" << none << "> debug - first\n> debug - after all\n";
 }
@@ -209,11 +176,8 @@ int main(int argc, char** argv)
                          {{"types", scenario<types>},
                           {"suddenEnd", scenario<suddenEnd>},
                           {"libraryText", scenario<libraryText>},
-                          {"endOfFile", scenario<endOfFile>},
-                          {"freedLog", scenario<freedLog>},
                           {"threads", scenario<threads>},
                           {"beforeApplication", beforeApplication},
-                          {"withoutApplication", withoutApplication},
                           {"staticDestruction", staticDestruction}},
                          argc, argv);
 }

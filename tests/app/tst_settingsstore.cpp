@@ -108,12 +108,8 @@ void TestSettingsStore::reads_data()
     QTest::newRow("no file") << QByteArray() << QByteArray(defaults + flagWritten);
     QTest::newRow("garbage") << QByteArray("\xff\0[[VCS=]\n=\n;", 13)
                              << QByteArray(defaults + flagWritten);
-    QTest::newRow("list of none") << QByteArray("[VCS]\navailableVersions=@Invalid()\n")
-                                  << QByteArray("[]0\n0\ntrue\n" + flagWritten);
     QTest::newRow("list of one") << QByteArray("[VCS]\navailableVersions=1.0.0\n")
                                  << QByteArray("[1.0.0]1\n0\ntrue\n" + flagWritten);
-    QTest::newRow("list of two") << QByteArray("[VCS]\navailableVersions=1.0.0, 1.1.0\n")
-                                 << QByteArray("[1.0.0|1.1.0]2\n0\ntrue\n" + flagWritten);
     QTest::newRow("sizes and flags as text")
         << QByteArray("[FILESYSTEM]\ninstallationSize=18446744073709551615\n[STATE]\n"
                       "bShouldRequestDescriptions=false\nbShouldHideNewUpdateNotification=false\n")
