@@ -77,17 +77,15 @@ Expected<void> checkNotListed(const Catalogue& catalogue, const std::string& ver
 }
 
 /// Executables are listed files, and can be executed wherever the folder was made.
-Expected<void> markExecutables(const AddRequest& request, std::vector<ReleaseFile>& files)
+Expected<void> markExecutable(const std::string& key, const std::string& path,
+                              std::vector<ReleaseFile>& files)
 {
-    for (const auto& [key, path] : request.executables) {
-        const auto file = std::find_if(files.begin(), files.end(),
-                                       [&name = path](const auto& f) { return f.path == name; });
-        if (file == files.end())
-            return failure(vlupd::APP_DEFINITION_ERROR, "the executable \"" + path + "\" (" + key +
-                                                            ") is no file of " +
-                                                            toUtf8(request.folder));
-        file->mode = 0755;
-    }
+    const auto file =
+        std::find_if(files.begin(), files.end(), [&path](const auto& f) { return f.path == path; });
+    if (file == files.end())
+        return failure(vlupd::APP_DEFINITION_ERROR,
+                       "the executable \"" + path + "\" (" + key + ") is no file of the folder");
+    file->mode = 0755;
     return {};
 }
 
@@ -157,8 +155,10 @@ Expected<void> addVersion(const AddRequest& request, Progress& progress)
     auto files = scanReleaseFolder(request.folder, progress);
     if (!files)
         return tl::unexpected(std::move(files).error());
-    if (auto marked = markExecutables(request, *files); !marked)
-        return marked;
+    for (const auto& [key, path] : request.executables) {
+        if (auto marked = markExecutable(key, path, *files); !marked)
+            return marked;
+    }
 
     auto change = RepositoryChange::begin(request.repository, request.secretKey, true);
     if (!change)

@@ -135,11 +135,13 @@ Expected<Manifest> readManifest(std::string_view text, std::string_view expected
         return failure(context, std::move(checked.error()));
     if (auto checked = checkPlaces(*manifest, *rawSize); !checked)
         return failure(context, std::move(checked.error()));
-    for (const auto& [key, path] : manifest->executables) {
-        if (manifest->find(path) == nullptr)
-            return failure(vlupd::APP_DEFINITION_ERROR, context + ": the executable \"" + path +
-                                                            "\" (" + key + ") is not listed");
-    }
+    const auto unlisted = std::find_if(
+        manifest->executables.begin(), manifest->executables.end(),
+        [&manifest](const auto& item) { return manifest->find(item.second) == nullptr; });
+    if (unlisted != manifest->executables.end())
+        return failure(vlupd::APP_DEFINITION_ERROR, context + ": the executable \"" +
+                                                        unlisted->second + "\" (" +
+                                                        unlisted->first + ") is not listed");
     return manifest;
 }
 
