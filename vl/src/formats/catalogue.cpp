@@ -7,7 +7,7 @@
 #include <charconv>
 #include <chrono>
 #include <limits>
-#include <set>
+#include <utility>
 #include <vector>
 
 namespace vl {
@@ -22,31 +22,34 @@ tl::unexpected<Error> fault(const std::string& what)
     return failure(vlupd::UPDATER_DATA_ERROR, "catalogue: " + what);
 }
 
-/// Goes through the text before a tree is built of it, for what the parser would let pass: members
-/// of the same name and deep nesting.
-class StructureGuard final : public json::json_sax_t
+/// Builds the document event by event, and refuses what the ready-made parser would let pass:
+/// members of the same name and deep nesting. (Its filter callback could tell them too, but looks
+/// through all the members read so far whenever an object ends.)
+class DocumentBuilder final : public json::json_sax_t
 {
 public:
+    json& document() { return m_document; }
     const std::string& fault() const { return m_fault; }
 
-    bool null() override { return true; }
-    bool boolean(bool /*value*/) override { return true; }
-    bool number_integer(std::int64_t /*value*/) override { return true; }
-    bool number_unsigned(std::uint64_t /*value*/) override { return true; }
-    bool number_float(double /*value*/, const std::string& /*text*/) override { return true; }
-    bool string(std::string& /*value*/) override { return true; }
-    bool binary(json::binary_t& /*value*/) override { return true; }
-    bool start_object(std::size_t /*size*/) override { return open(); }
+    bool null() override { return add(nullptr); }
+    bool boolean(bool value) override { return add(value); }
+    bool number_integer(std::int64_t value) override { return add(value); }
+    bool number_unsigned(std::uint64_t value) override { return add(value); }
+    bool number_float(double value, const std::string& /*text*/) override { return add(value); }
+    bool string(std::string& value) override { return add(std::move(value)); }
+    bool binary(json::binary_t& value) override { return add(std::move(value)); }
+    bool start_object(std::size_t /*size*/) override { return open(json::object()); }
     bool end_object() override { return close(); }
-    bool start_array(std::size_t /*size*/) override { return open(); }
+    bool start_array(std::size_t /*size*/) override { return open(json::array()); }
     bool end_array() override { return close(); }
 
     bool key(std::string& name) override
     {
-        if (m_names.back().insert(name).second)
-            return true;
-        m_fault = "the member \"" + name + "\" is there twice";
-        return false;
+        const auto [member, added] = m_open.back()->emplace(std::move(name), nullptr);
+        if (!added)
+            m_fault = "the member \"" + member.key() + "\" is there twice";
+        m_member = &*member;
+        return added;
     }
 
     bool parse_error(std::size_t position, const std::string& /*token*/,
@@ -57,23 +60,42 @@ public:
     }
 
 private:
-    bool open()
+    /// Puts a value where it belongs. The reference holds until something is added beside it.
+    json& place(json value)
     {
-        if (m_names.size() >= maxDepth) {
+        if (m_open.empty())
+            return m_document = std::move(value);
+        if (m_open.back()->is_object())
+            return *m_member = std::move(value);
+        m_open.back()->push_back(std::move(value));
+        return m_open.back()->back();
+    }
+
+    bool add(json value)
+    {
+        place(std::move(value));
+        return true;
+    }
+
+    bool open(json value)
+    {
+        if (m_open.size() >= maxDepth) {
             m_fault = "nested too deeply";
             return false;
         }
-        m_names.emplace_back();
+        m_open.push_back(&place(std::move(value)));
         return true;
     }
 
     bool close()
     {
-        m_names.pop_back();
+        m_open.pop_back();
         return true;
     }
 
-    std::vector<std::set<std::string>> m_names; ///< members so far, of each open object
+    json m_document;
+    std::vector<json*> m_open; ///< the objects and arrays that are being filled, outermost first
+    json* m_member = nullptr;  ///< the value of the name read last
     std::string m_fault;
 };
 
@@ -167,10 +189,10 @@ Expected<Catalogue> readCatalogue(std::string_view text)
 {
     if (text.size() > maxCatalogueSize)
         return fault("larger than 32 MiB");
-    StructureGuard guard;
-    if (!json::sax_parse(text, &guard))
-        return fault(guard.fault());
-    json document = json::parse(text, nullptr, false);
+    DocumentBuilder builder;
+    if (!json::sax_parse(text, &builder))
+        return fault(builder.fault());
+    json& document = builder.document();
     if (!document.is_object())
         return fault("not a JSON object");
 
