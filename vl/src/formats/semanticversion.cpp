@@ -39,6 +39,7 @@ bool isIdentifier(std::string_view text)
 std::vector<std::string_view> splitAtDots(std::string_view text)
 {
     std::vector<std::string_view> fields;
+    fields.reserve(3); // of a core; sorting many versions comes by here often
     for (std::size_t begin = 0; begin <= text.size();) {
         const std::size_t end = std::min(text.find('.', begin), text.size());
         fields.push_back(text.substr(begin, end - begin));
