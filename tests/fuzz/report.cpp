@@ -1,6 +1,5 @@
 #include "tests/fuzz/fuzz.h"
 #include "tools/report-collector/reportparser.h"
-#include "tools/report-collector/safefilename.h"
 
 #include <cstdlib>
 
@@ -10,11 +9,8 @@ class CountingSink final : public ReportSink
 {
 public:
     bool beginReport(const ReportTexts& /*texts*/) override { return true; }
-    bool beginAttachment(const QByteArray& name, qint64 size) override
+    bool beginAttachment(const QByteArray& /*name*/, qint64 size) override
     {
-        if (++m_attachments > ReportParser::maximumAttachments ||
-            safeFileName(QString::fromUtf8(name)).isEmpty())
-            std::abort();
         m_left = size;
         return true;
     }
@@ -32,7 +28,6 @@ public:
     bool endReport() override { return true; }
 
 private:
-    int m_attachments = 0;
     qint64 m_left = 0;
 };
 

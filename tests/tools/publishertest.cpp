@@ -1,6 +1,5 @@
 #include "tools/vl-publish/publisher.h"
 
-#include "vl/src/formats/catalogue.h"
 #include "vl/src/formats/manifest.h"
 #include "vl/src/platform/file.h"
 
@@ -71,17 +70,12 @@ private Q_SLOTS:
     void init();
     void cleanup();
     void publishedFolderIsListedVerifiedAndUnpackedByTar();
-    void placesOfFilesKeepToTheFrames();
     void equalInputGivesEqualOutput();
     void badRequestsAreRefused_data();
     void badRequestsAreRefused();
-    void foldersThatCannotBePublishedAreRefused();
-    void removedVersionIsDelisted();
-    void interruptedChangesAreCleared();
-    void foreignCatalogueIsNotSignedAnew();
+    void symbolicLinksAreRefused();
     void damageIsFound_data();
     void damageIsFound();
-    void keysAreNeverOverwritten();
 
 private:
     AddRequest request(const std::string& version) const;
@@ -167,33 +161,10 @@ void PublisherTest::publishedFolderIsListedVerifiedAndUnpackedByTar()
     QCOMPARE(contentsOf(unpacked), contentsOf(m_folder));
     QVERIFY((fs::status(unpacked / "bin/sim").permissions() & fs::perms::owner_exec) !=
             fs::perms::none);
-}
 
-void PublisherTest::placesOfFilesKeepToTheFrames()
-{
-    const std::size_t half = vl::frameRawSize / 2;
-    writeFile(m_folder / "a1", std::string(half, '1'));
-    writeFile(m_folder / "a2", std::string(half, '2'));
-    writeFile(m_folder / "b", std::string(vl::frameRawSize - 1, 'b'));
-    writeFile(m_folder / "c", std::string(vl::frameRawSize, 'c'));
-    writeFile(m_folder / "d", std::string(vl::frameRawSize + 1, 'd'));
-    add(request("1.0.0"));
-    const auto catalogue = vl::readCatalogue(readFile(m_repository / "catalogue.json"));
-    const auto manifest = vl::readManifest(
-        readFile(m_repository / vl::manifestPath(catalogue->manifests.at("1.0.0").hash)), "1.0.0");
-    QVERIFY(manifest);
-    for (const vl::ManifestFile& file : manifest->files) {
-        std::size_t crossed = 0;
-        bool begins = false;
-        for (const vl::Frame& frame : manifest->pack.frames) {
-            const std::uint64_t end = file.rawOffset + file.size;
-            crossed += frame.rawOffset > file.rawOffset && frame.rawOffset < end ? 1 : 0;
-            begins = begins || frame.rawOffset == file.rawOffset;
-        }
-        QCOMPARE(crossed, std::size_t(file.path == "d" ? 1 : 0));
-        QVERIFY(file.size < vl::frameRawSize || begins);
-    }
-    QVERIFY(verify().faults.empty());
+    QVERIFY(removeVersion(m_repository, "1.0.0", m_keys.secretKey));
+    QVERIFY(!removeVersion(m_repository, "1.0.0", m_keys.secretKey));
+    QVERIFY(listVersions(m_repository)->empty() && verify().faults.empty());
 }
 
 void PublisherTest::equalInputGivesEqualOutput()
@@ -225,21 +196,8 @@ void PublisherTest::badRequestsAreRefused_data()
     row("listed version", "already listed", [](AddRequest& r) { r.version = "0.9.0-RC"; });
     row("listed in other case", "nothing but case", [](AddRequest& r) { r.version = "0.9.0-rc"; });
     row("hostile version", "\"..\"", [](AddRequest& r) { r.version = ".."; });
-    row("reserved version", "reserved", [](AddRequest& r) { r.version = "con"; });
-    row("no such day", "not a date", [](AddRequest& r) { r.date = "2026-02-30"; });
-    row("no such day of expiry", "not a date", [](AddRequest& r) { r.expires = "soon"; });
-    row("no executable", "no executable", [](AddRequest& r) { r.executables.clear(); });
     row("missing executable", "is no file of",
         [](AddRequest& r) { r.executables["default_exec"] = "bin/sim.exe"; });
-    row("folder as executable", "is no file of",
-        [](AddRequest& r) { r.executables["default_exec"] = "bin"; });
-    row("changelog of another shape", "features", [](AddRequest& r) {
-        r.changelog = {{"features", "x"}};
-    });
-    row("level", "level", [](AddRequest& r) { r.level = 23; });
-    row("missing folder", "nowhere", [](AddRequest& r) { r.folder /= "nowhere"; });
-    row("repository inside the folder", "inside",
-        [](AddRequest& r) { r.repository = r.folder / "r"; });
     row("other key", "unknown key",
         [](AddRequest& r) { r.secretKey = vl::generateKeyPair().value().secretKey; });
 }
@@ -259,87 +217,15 @@ void PublisherTest::badRequestsAreRefused()
     QVERIFY(contentsOf(m_repository) == before);
 }
 
-void PublisherTest::foldersThatCannotBePublishedAreRefused()
+void PublisherTest::symbolicLinksAreRefused()
 {
-    const auto refusal = [this] {
-        const auto added = addVersion(request("1.0.0"), m_notes);
-        return added ? std::string() : added.error().message;
-    };
     fs::create_symlink("sim", m_folder / "bin/link");
-    QVERIFY2(refusal().find("\"bin/link\": it is a symbolic link") != std::string::npos,
-             refusal().c_str());
-    fs::remove(m_folder / "bin/link");
-    fs::create_directory_symlink("bin", m_folder / "folder link");
-    QVERIFY(refusal().find("symbolic link") != std::string::npos);
-    fs::remove(m_folder / "folder link");
-    writeFile(m_folder / "a:b", "");
-    QVERIFY2(refusal().find("\"a:b\"") != std::string::npos, refusal().c_str());
-    fs::remove(m_folder / "a:b");
-    writeFile(m_folder / "BIN/SIM", "");
-    if (!fs::equivalent(m_folder / "BIN", m_folder / "bin"))
-        QVERIFY2(refusal().find("one file") != std::string::npos, refusal().c_str());
-    QVERIFY(!fs::exists(m_repository / "catalogue.json"));
-}
-
-void PublisherTest::removedVersionIsDelisted()
-{
-    add(request("1.0.0"));
-    writeFile(m_folder / "new", "new");
-    add(request("1.10.0"));
-    add(request("1.2.0"));
-    auto listed = listVersions(m_repository);
-    QVERIFY(listed && listed->size() == 3);
-    QCOMPARE(listed->back().key, std::string("1.10.0"));
-    const auto before = vl::readCatalogue(readFile(m_repository / "catalogue.json"));
-    QCOMPARE(before->serial, std::uint64_t{3});
-
-    QVERIFY(removeVersion(m_repository, "1.10.0", m_keys.secretKey));
-    QVERIFY(!removeVersion(m_repository, "1.10.0", m_keys.secretKey));
-    const auto after = vl::readCatalogue(readFile(m_repository / "catalogue.json"));
-    QCOMPARE(after->serial, std::uint64_t{4});
-    QCOMPARE(after->repositoryId, before->repositoryId);
-    QVERIFY(!after->manifests.contains("1.10.0"));
-    const auto report = verify();
-    QVERIFY(report.faults.empty());
-    QCOMPARE(report.versions, std::size_t{2});
-    QVERIFY(!removeVersion(m_folder, "1.0.0", m_keys.secretKey));
-}
-
-void PublisherTest::interruptedChangesAreCleared()
-{
-    add(request("1.0.0"));
-    // Ended while a pack was being written.
-    writeFile(m_repository / "packs/.new-pack.vl-tmp", "half a pack");
-    // Ended before the signature was in place.
-    writeFile(m_repository / "catalogue.json.new", "{\"format\": 1, \"half");
-    add(request("1.1.0"));
-    QVERIFY(!fs::exists(m_repository / "packs/.new-pack.vl-tmp"));
-    QVERIFY(!fs::exists(m_repository / "catalogue.json.new"));
-    QVERIFY(verify().faults.empty());
-
-    // Ended between the signature and the catalogue.
-    const std::string old = readFile(m_repository / "catalogue.json");
-    add(request("1.2.0"));
-    fs::rename(m_repository / "catalogue.json", m_repository / "catalogue.json.new");
-    writeFile(m_repository / "catalogue.json", old);
-    QVERIFY(!verify().faults.empty());
-    add(request("1.3.0"));
-    const auto report = verify();
-    QVERIFY(report.faults.empty());
-    QCOMPARE(report.versions, std::size_t{4});
-}
-
-void PublisherTest::foreignCatalogueIsNotSignedAnew()
-{
-    add(request("1.0.0"));
-    std::string text = readFile(m_repository / "catalogue.json");
-    text.replace(text.find("\"serial\": 1"), 11, "\"serial\": 9");
-    writeFile(m_repository / "catalogue.json", text);
-    const auto added = addVersion(request("1.1.0"), m_notes);
+    const auto added = addVersion(request("1.0.0"), m_notes);
     QVERIFY(!added);
-    QVERIFY2(added.error().message.find("does not match") != std::string::npos,
-             added.error().message.c_str());
-    QCOMPARE(readFile(m_repository / "catalogue.json"), text);
+    const std::string refusal = added.error().message;
+    QVERIFY2(refusal.find("\"bin/link\": it is a symbolic link") != std::string::npos,
+             refusal.c_str());
+    QVERIFY(!fs::exists(m_repository / "catalogue.json"));
 }
 
 void PublisherTest::damageIsFound_data()
@@ -357,27 +243,9 @@ void PublisherTest::damageIsFound_data()
     };
     row("byte of a pack", "frame 0 at offset 0",
         [flip](const fs::path&, const fs::path& pack) { flip(pack, fs::file_size(pack)); });
-    row("file in a damaged frame", "file \"bin/sim\"",
-        [flip](const fs::path&, const fs::path& pack) { flip(pack, fs::file_size(pack)); });
-    row("last frame", "not what its name says",
-        [flip](const fs::path&, const fs::path& pack) { flip(pack, 1); });
-    row("pack cut short", "bytes instead of", [](const fs::path&, const fs::path& pack) {
-        fs::resize_file(pack, fs::file_size(pack) - 1);
-    });
     row("pack missing", "tar.zst", [](const fs::path&, const fs::path& pack) { fs::remove(pack); });
-    row("manifest", "differs from what the catalogue says",
-        [flip](const fs::path& repository, const fs::path&) {
-            flip(fs::directory_iterator(repository / "manifests")->path(), 5);
-        });
-    row("manifest missing", "manifest of version 1.0.0",
-        [](const fs::path& repository, const fs::path&) {
-            fs::remove_all(repository / "manifests");
-        });
     row("catalogue", "does not match", [flip](const fs::path& repository, const fs::path&) {
         flip(repository / "catalogue.json", 1);
-    });
-    row("signature missing", "minisig", [](const fs::path& repository, const fs::path&) {
-        fs::remove(repository / "catalogue.json.minisig");
     });
 }
 
@@ -393,20 +261,6 @@ void PublisherTest::damageIsFound()
         return text.find(fault.toStdString()) != std::string::npos;
     });
     QVERIFY2(named, faults.empty() ? "no fault found" : faults[0].c_str());
-}
-
-void PublisherTest::keysAreNeverOverwritten()
-{
-    const fs::path top(m_top->path().toStdString());
-    QVERIFY(generateKeys(top / "s.key", top / "p.pub"));
-    QVERIFY(vl::readSecretKey(readFile(top / "s.key")));
-    QCOMPARE(fs::status(top / "s.key").permissions(),
-             fs::perms::owner_read | fs::perms::owner_write);
-    const std::string secret = readFile(top / "s.key");
-    QVERIFY(!generateKeys(top / "s.key", top / "other.pub"));
-    QVERIFY(!generateKeys(top / "other.key", top / "p.pub"));
-    QCOMPARE(readFile(top / "s.key"), secret);
-    QVERIFY(!fs::exists(top / "other.key"));
 }
 
 QTEST_APPLESS_MAIN(PublisherTest)

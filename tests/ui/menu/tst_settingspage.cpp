@@ -6,15 +6,11 @@
 #include "updates/updater.h"
 
 #include <QCheckBox>
-#include <QFrame>
 #include <QLabel>
-#include <QMetaMethod>
-#include <QMouseEvent>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QSettings>
 #include <QSignalSpy>
-#include <QStackedWidget>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -22,19 +18,24 @@
 #include <memory>
 #include <sstream>
 
-/// The side menu's frame and its settings page, on a scripted update library.
+namespace {
+
+QString settingsFile()
+{
+    return applicationDirectory().filePath(QStringLiteral("config.ini"));
+}
+
+} // namespace
+
+/// The settings page of the side menu, on a scripted update library.
 class SettingsPageTest final : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
     void init();
-    void cleanup();
-    void cleanupTestCase();
-
-    void window();
-    void sizeFollowsThePage();
-    void dragging();
+    void cleanup() { m_dialog.reset(); }
+    void cleanupTestCase() { QFile::remove(settingsFile()); }
 
     void refresh_data();
     void refresh();
@@ -42,7 +43,6 @@ private Q_SLOTS:
     void busyLibraryKeepsThePage();
     void check_data();
     void check();
-    void checkWithNothingInstalled();
     void removal_data();
     void removal();
     void specialVersions();
@@ -62,20 +62,6 @@ private:
     bool m_idle = true;
 };
 
-namespace {
-
-QString settingsFile()
-{
-    return applicationDirectory().filePath(QStringLiteral("config.ini"));
-}
-
-QMouseEvent mouse(QEvent::Type type, QPoint position, Qt::MouseButton button)
-{
-    return QMouseEvent(type, position, position, button, button, Qt::NoModifier);
-}
-
-} // namespace
-
 void SettingsPageTest::init()
 {
     scripted::setScript({});
@@ -87,16 +73,6 @@ void SettingsPageTest::init()
     m_dialog = std::make_unique<MenuDialog>();
     connect(m_dialog.get(), &MenuDialog::isProgressStateIDLE, this, [this] { return m_idle; });
     m_dialog->show();
-}
-
-void SettingsPageTest::cleanup()
-{
-    m_dialog.reset();
-}
-
-void SettingsPageTest::cleanupTestCase()
-{
-    QFile::remove(settingsFile());
 }
 
 void SettingsPageTest::install(vlupd::UPD_RESULT checkResult, vlupd::UPD_RESULT removeResult)
@@ -120,63 +96,6 @@ void SettingsPageTest::verifyPage(const QString& size, const QString& path, bool
     QCOMPARE(child<QPlainTextEdit>("installationPathTextEdit")->toPlainText(), path);
     QCOMPARE(child<QPushButton>("checkFilesButton")->isEnabled(), enabled);
     QCOMPARE(child<QPushButton>("deleteSimulatorButton")->isEnabled(), enabled);
-}
-
-void SettingsPageTest::window()
-{
-    QCOMPARE(m_dialog->windowFlags() & ~Qt::WindowType_Mask,
-             Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
-    QVERIFY((m_dialog->windowFlags() & Qt::WindowType_Mask) != Qt::Dialog);
-
-    QStringList methods;
-    const QMetaObject& meta = MenuDialog::staticMetaObject;
-    for (int i = meta.methodOffset(); i < meta.methodCount(); ++i)
-        methods << QString::fromLatin1(meta.method(i).methodSignature());
-    QCOMPARE(methods, (QStringList{QStringLiteral("warningWindowRequested(QString)"),
-                                   QStringLiteral("onRemovingSimulatorSucceed()"),
-                                   QStringLiteral("isProgressStateIDLE()"),
-                                   QStringLiteral("reloadConfigRequired()")}));
-
-    // The minimum above the maximum comes from the form.
-    const auto* descriptions = child<QStackedWidget>("descriptionStackedWidget");
-    QCOMPARE(descriptions->minimumSize(), QSize(450, 300));
-    QCOMPARE(descriptions->maximumSize(), QSize(QWIDGETSIZE_MAX, 200));
-
-    child<QPushButton>("closeButton")->click();
-    QVERIFY(m_dialog->isHidden());
-}
-
-void SettingsPageTest::sizeFollowsThePage()
-{
-    install();
-    const auto verifyFitted = [this] {
-        const QSize hint =
-            child<QStackedWidget>("stackedWidget")->currentWidget()->minimumSizeHint();
-        const QSize expected(hint.width(),
-                             child<QFrame>("windowControlsFrame")->height() + hint.height());
-        QCOMPARE(m_dialog->minimumSize(), expected);
-        QCOMPARE(m_dialog->maximumSize(), expected);
-    };
-    QVERIFY(m_dialog->switchToPage(1));
-    verifyFitted();
-    QVERIFY(m_dialog->switchToPage(0));
-    verifyFitted();
-    const QSize before = m_dialog->size();
-    child<QPushButton>("checkFilesButton")->click();
-    verifyFitted(); // at once, with no event processed in between
-    QVERIFY(m_dialog->height() > before.height());
-}
-
-void SettingsPageTest::dragging()
-{
-    const QPoint start = m_dialog->pos();
-    for (const auto button : {Qt::RightButton, Qt::LeftButton}) {
-        QMouseEvent press = mouse(QEvent::MouseButtonPress, {10, 10}, button);
-        QCoreApplication::sendEvent(m_dialog.get(), &press);
-        QMouseEvent move = mouse(QEvent::MouseMove, {25, 4}, button);
-        QCoreApplication::sendEvent(m_dialog.get(), &move);
-        QCOMPARE(m_dialog->pos() - start, button == Qt::LeftButton ? QPoint(15, -6) : QPoint(0, 0));
-    }
 }
 
 void SettingsPageTest::refresh_data()
@@ -229,6 +148,8 @@ void SettingsPageTest::sizeWrittenByTheFirstRefresh()
 
 void SettingsPageTest::busyLibraryKeepsThePage()
 {
+    child<QPushButton>("checkFilesButton")->click(); // nothing is installed
+    QVERIFY(child<QLabel>("settingsStatusLabel")->isHidden());
     install();
     QVERIFY(updaterAccess.tryAcquire(3));
     m_dialog->switchToPage(0);
@@ -245,16 +166,15 @@ void SettingsPageTest::check_data()
     QTest::addColumn<QString>("text");
     QTest::addColumn<QByteArray>("logLine");
 
-    QTest::newRow("whole") << 0 << QStringLiteral("Ошибки не найдены.") << QByteArray();
-    QTest::newRow("broken") << 12
-                            << QStringLiteral(
-                                   "Файлы повреждены. Возможно, требуется переустановка.")
-                            << QByteArray("[checkFiles] Installed app files is broken. Please "
-                                          "reinstall or fix.");
-    for (const int other : {1, 10, 13})
-        QTest::addRow("other %d", other)
-            << other << QStringLiteral("Неизвестная ошибка.")
-            << QByteArray("[checkFiles] Cause an internal libupd error");
+    const auto row = [](const char* name, int result, const QString& text, const char* logLine) {
+        QTest::newRow(name) << result << text << QByteArray(logLine);
+    };
+    row("whole", 0, QStringLiteral("Ошибки не найдены."), "");
+    row("broken", 12, QStringLiteral("Файлы повреждены. Возможно, требуется переустановка."),
+        "[checkFiles] Installed app files is broken. Please reinstall or fix.");
+    const QString unknown = QStringLiteral("Неизвестная ошибка.");
+    row("below", 1, unknown, "[checkFiles] Cause an internal libupd error");
+    row("above", 13, unknown, "[checkFiles] Cause an internal libupd error");
 }
 
 void SettingsPageTest::check()
@@ -272,44 +192,35 @@ void SettingsPageTest::check()
     QCOMPARE(updaterAccess.available(), 3);
 }
 
-void SettingsPageTest::checkWithNothingInstalled()
-{
-    child<QPushButton>("checkFilesButton")->click();
-    QVERIFY(child<QLabel>("settingsStatusLabel")->isHidden());
-    QVERIFY(scripted::callsOf("checkFiles").empty());
-}
-
 void SettingsPageTest::removal_data()
 {
-    QTest::addColumn<QString>("answer");
+    QTest::addColumn<bool>("accepted");
     QTest::addColumn<bool>("installed");
     QTest::addColumn<int>("permitsInUse");
     QTest::addColumn<int>("result"); // of the library, -1 when it is not asked
     QTest::addColumn<QByteArray>("logLine");
     QTest::addColumn<QString>("standardError");
 
-    const QString accept = QStringLiteral("acceptButton");
-    QTest::newRow("declined") << QStringLiteral("declineButton") << true << 0 << -1 << QByteArray()
-                              << QString();
-    QTest::newRow("nothing installed")
-        << accept << false << 0 << -1
-        << QByteArray("The app is not installed or some operation is in progress, please wait\n")
-        << QString();
-    QTest::newRow("no permit for the lookup")
-        << accept << true << 2 << -1
-        << QByteArray("The app is not installed or some operation is in progress, please wait\n")
-        << QString();
-    QTest::newRow("no permit") << accept << true << 3 << -1 << QByteArray() << QString();
-    QTest::newRow("failed")
-        << accept << true << 0 << 1
-        << QByteArray("\"Causing an error while removing the current 1.2.0 version.\\n\"")
-        << QStringLiteral("Exit code: SYSTEM_CALL_ERROR");
-    QTest::newRow("done") << accept << true << 0 << 0 << QByteArray() << QString();
+    const auto row = [](const char* name, bool accepted, bool installed, int permitsInUse,
+                        int result, const char* logLine, const QString& standardError = {}) {
+        QTest::newRow(name) << accepted << installed << permitsInUse << result
+                            << QByteArray(logLine) << standardError;
+    };
+    const char* const refused =
+        "The app is not installed or some operation is in progress, please wait\n";
+    row("declined", false, true, 0, -1, "");
+    row("nothing installed", true, false, 0, -1, refused);
+    row("no permit for the lookup", true, true, 2, -1, refused);
+    row("no permit", true, true, 3, -1, "");
+    row("failed", true, true, 0, 1,
+        "\"Causing an error while removing the current 1.2.0 version.\\n\"",
+        QStringLiteral("Exit code: SYSTEM_CALL_ERROR"));
+    row("done", true, true, 0, 0, "");
 }
 
 void SettingsPageTest::removal()
 {
-    QFETCH(QString, answer);
+    QFETCH(bool, accepted);
     QFETCH(bool, installed);
     QFETCH(int, permitsInUse);
     QFETCH(int, result);
@@ -321,6 +232,7 @@ void SettingsPageTest::removal()
         scripted::setScript({});
     QSignalSpy removed(m_dialog.get(), &MenuDialog::onRemovingSimulatorSucceed);
     QSignalSpy warned(m_dialog.get(), &MenuDialog::warningWindowRequested);
+    const QString answer = QLatin1String(accepted ? "acceptButton" : "declineButton");
     ModalAnswerer answerer(
         [&](QDialog& dialog) { dialog.findChild<QPushButton*>(answer)->click(); });
     if (!logLine.isEmpty())

@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QFrame>
 #include <QLabel>
-#include <QScrollArea>
 #include <QSignalSpy>
 #include <QStackedWidget>
 #include <QTest>
@@ -26,8 +25,6 @@ private Q_SLOTS:
     void build_data();
     void build();
     void missingFileIsTriedAgain();
-    void builtOnce();
-    void selection();
 
 private:
     QList<SemiTransparentButton*> buttons() const;
@@ -86,36 +83,28 @@ void VersionHistoryTest::build_data()
     QTest::addColumn<QStringList>("versions");
     QTest::addColumn<QStringList>("pages");
 
-    using List = QStringList;
-    for (const char* text : {"", "not JSON", "[]", "{}"})
-        QTest::addRow("'%s'", text) << QByteArray(text) << true << List() << List();
-    QTest::newRow("descending by text")
-        << QByteArray(R"({"1.10.0": {"fixes": []}, "1.9.0": {"fixes": []}})") << true
-        << List{QStringLiteral("1.9.0"), QStringLiteral("1.10.0")} << List{QString(), QString()};
-    QTest::newRow("all sections in order, with a date")
-        << QByteArray(R"({"1.0.0": {"fixes": ["f"], "features": ["a", "b"], "changes": ["c"]}})")
-        << true << List{QStringLiteral("1.0.0")}
-        << List{QStringLiteral("Дата выпуска|• Fri May 1 2026|Добавленные функции|• a|• b|"
-                               "Изменения|• c|Исправления|• f")};
-    QTest::newRow("only a date") << QByteArray(R"({"1.0.0": {}})") << true
-                                 << List{QStringLiteral("1.0.0")}
-                                 << List{QStringLiteral("Дата выпуска|• Fri May 1 2026")};
-    QTest::newRow("a date that is none") << QByteArray(R"({"1.1.0": {}})") << true
-                                         << List{QStringLiteral("1.1.0")} << List{QString()};
-    QTest::newRow("neither description nor date, in the middle")
-        << QByteArray(R"({"1.3.0": {"fixes": ["f"]}, "1.2.0": {}, "1.0.0": {}})") << false
-        << List{QStringLiteral("1.3.0")} << List{QStringLiteral("Исправления|• f")};
-    QTest::newRow("wrong types")
-        << QByteArray(R"({"1.4.0": {"features": "text", "changes": [1, null, "c"], "fixes": {}}})")
-        << true << List{QStringLiteral("1.4.0")} << List{QStringLiteral("Изменения|• |• |• c")};
-    QTest::newRow("a version that is no object")
-        << QByteArray(R"({"1.0.0": "text"})") << true << List{QStringLiteral("1.0.0")}
-        << List{QStringLiteral("Дата выпуска|• Fri May 1 2026")};
-    const QByteArray line(100 * 1024, 'x');
-    QTest::newRow("100 KB in one line")
-        << QByteArray(R"({"1.4.0": {"fixes": [")" + line + R"("]}})") << true
-        << List{QStringLiteral("1.4.0")}
-        << List{QString(QStringLiteral("Исправления|• ") + QString::fromLatin1(line))};
+    const auto row = [](const char* name, const QByteArray& file, const QStringList& versions,
+                        const QStringList& pages, bool built = true) {
+        QTest::newRow(name) << file << built << versions << pages;
+    };
+    const QString date = QStringLiteral("Дата выпуска|• Fri May 1 2026");
+    const QString version = QStringLiteral("1.0.0");
+    const QString unknown = QStringLiteral("1.4.0"); // to the catalogue
+    row("not JSON", "not JSON", {}, {});
+    row("descending by text", R"({"1.10.0": {"fixes": []}, "1.9.0": {"fixes": []}})",
+        {QStringLiteral("1.9.0"), QStringLiteral("1.10.0")}, {QString(), QString()});
+    row("all sections in order, with a date",
+        R"({"1.0.0": {"fixes": ["f"], "features": ["a", "b"], "changes": ["c"]}})", {version},
+        {QString(date + QStringLiteral("|Добавленные функции|• a|• b|Изменения|• c|"
+                                       "Исправления|• f"))});
+    row("only a date", R"({"1.0.0": {}})", {version}, {date});
+    row("a date that is none", R"({"1.1.0": {}})", {QStringLiteral("1.1.0")}, {QString()});
+    row("neither description nor date, in the middle",
+        R"({"1.4.0": {"fixes": ["f"]}, "1.2.0": {}, "1.0.0": {}})", {unknown},
+        {QStringLiteral("Исправления|• f")}, false);
+    row("wrong types", R"({"1.4.0": {"features": "text", "changes": [1, null, "c"], "fixes": {}}})",
+        {unknown}, {QStringLiteral("Изменения|• |• |• c")});
+    row("a version that is no object", R"({"1.0.0": "text"})", {version}, {date});
 }
 
 void VersionHistoryTest::build()
@@ -154,44 +143,6 @@ void VersionHistoryTest::missingFileIsTriedAgain()
     m_dialog->show();
     QVERIFY(m_dialog->switchToPage(2));
     QCOMPARE(buttons().size(), 1);
-}
-
-void VersionHistoryTest::builtOnce()
-{
-    QVERIFY(writeFile(R"({"2.0.0": {}})", DescriptionsFile::instance().filePath));
-    QVERIFY(!m_dialog->switchToPage(2)); // no date, no description
-    QVERIFY(writeFile(R"({"1.0.0": {}})", DescriptionsFile::instance().filePath));
-    QVERIFY(m_dialog->switchToPage(2));
-    QVERIFY(buttons().isEmpty());
-}
-
-void VersionHistoryTest::selection()
-{
-    QVERIFY(writeFile(R"({"3": {"fixes": []}, "2": {"fixes": ["<b>&amp;"]}, "1": {"fixes": []}})",
-                      DescriptionsFile::instance().filePath));
-    const QSize fitted = [this] {
-        m_dialog->switchToPage(2);
-        return m_dialog->size();
-    }();
-    const auto* stack =
-        m_dialog->findChild<QStackedWidget*>(QStringLiteral("descriptionStackedWidget"));
-    const QList<SemiTransparentButton*> all = buttons();
-    const QString plain = all.at(1)->styleSheet();
-    QTRY_VERIFY(!all.at(0)->isEnabled());
-    QCOMPARE(all.at(0)->transparency(), 1.0);
-
-    all.at(1)->click();
-    QCOMPARE(stack->currentIndex(), 1);
-    QVERIFY(all.at(0)->isEnabled());
-    QCOMPARE(all.at(0)->styleSheet(), plain);
-    QCOMPARE(all.at(0)->transparency(), 0.5);
-    QVERIFY(!all.at(1)->isEnabled());
-    QVERIFY(all.at(1)->styleSheet().startsWith(plain));
-    QVERIFY(all.at(1)->styleSheet().contains(QLatin1String("transparent #FF6D1B transparent")));
-
-    // Release notes are no markup; the dialog was fitted before the page was built.
-    QCOMPARE(stack->widget(1)->findChildren<QLabel*>().constLast()->textFormat(), Qt::PlainText);
-    QCOMPARE(m_dialog->size(), fitted);
 }
 
 QTEST_MAIN(VersionHistoryTest)

@@ -19,15 +19,10 @@ class MinisignTest final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void keysSurviveRoundTrip();
     void alteredSignaturesAreRefused_data();
     void alteredSignaturesAreRefused();
-    void everyFlippedBitOfTheSignatureIsRefused();
     void secondKeyIsAccepted();
-    void badKeysAreRefused_data();
-    void badKeysAreRefused();
-    void minisignVerifiesOurs();
-    void oursVerifiesMinisign();
+    void minisignAgreesBothWays();
 
 private:
     QByteArray run(const QStringList& arguments);
@@ -63,20 +58,6 @@ void MinisignTest::write(const QString& name, const std::string& text)
     QCOMPARE(file.write(text.data(), qint64(text.size())), qint64(text.size()));
 }
 
-void MinisignTest::keysSurviveRoundTrip()
-{
-    const std::string publicFile = vl::writePublicKey(m_keys.publicKey);
-    const auto publicKey = vl::readPublicKey(publicFile);
-    QVERIFY(publicKey && publicKey->id == m_keys.publicKey.id &&
-            publicKey->key == m_keys.publicKey.key);
-    const std::string line = publicFile.substr(publicFile.find('\n') + 1);
-    QVERIFY(vl::readPublicKey(line));
-    QVERIFY(vl::readPublicKey(line.substr(0, line.size() - 1)));
-    const auto secretKey = vl::readSecretKey(vl::writeSecretKey(m_keys.secretKey));
-    QVERIFY(secretKey && secretKey->id == m_keys.secretKey.id &&
-            secretKey->key == m_keys.secretKey.key);
-}
-
 void MinisignTest::alteredSignaturesAreRefused_data()
 {
     QTest::addColumn<QByteArray>("signature");
@@ -90,10 +71,7 @@ void MinisignTest::alteredSignaturesAreRefused_data()
     const QList<QByteArray> lines = good.split('\n');
     row("as it is", good, "");
     row("Windows line ends", QByteArray(good).replace("\n", "\r\n"), "");
-    row("other untrusted comment", QByteArray(good).replace("signature from", "from"), "");
-    row("empty", "", "not a minisign signature");
     row("page", "<html>\n<body>\n</body>\n</html>\n", "not a minisign signature");
-    row("two lines", lines[0] + "\n" + lines[1] + "\n", "not a minisign signature");
     row("five lines", good + "x\n", "not a minisign signature");
     row("other trusted comment", QByteArray(good).replace("file:x", "file:y"), "trusted comment");
     row("global signature of another",
@@ -103,7 +81,6 @@ void MinisignTest::alteredSignaturesAreRefused_data()
         "trusted comment");
     // "RWQ..." is the legacy algorithm "Ed", "RUQ..." the pre-hashed "ED".
     row("legacy algorithm", QByteArray(good).replace("\nRU", "\nRW"), "legacy");
-    row("unknown algorithm", QByteArray(good).replace("\nRU", "\nSU"), "unknown algorithm");
     const vl::KeyPair other = vl::generateKeyPair().value();
     row("other key", QByteArray::fromStdString(vl::sign(message, other.secretKey, "")),
         "unknown key");
@@ -129,17 +106,6 @@ void MinisignTest::alteredSignaturesAreRefused()
                  verified.error().message.c_str());
 }
 
-void MinisignTest::everyFlippedBitOfTheSignatureIsRefused()
-{
-    const std::size_t begin = m_signature.find('\n') + 1;
-    for (std::size_t i = begin; i < m_signature.size() - 1; ++i) {
-        std::string altered = m_signature;
-        altered[i] = static_cast<char>(altered[i] ^ 1);
-        QVERIFY2(!vl::verify(message, altered, std::span(&m_keys.publicKey, 1)),
-                 std::to_string(i).c_str());
-    }
-}
-
 void MinisignTest::secondKeyIsAccepted()
 {
     const std::vector<vl::PublicKey> keys{vl::generateKeyPair().value().publicKey,
@@ -148,74 +114,38 @@ void MinisignTest::secondKeyIsAccepted()
     QVERIFY(!vl::verify(message, m_signature, {}));
 }
 
-void MinisignTest::badKeysAreRefused_data()
-{
-    QTest::addColumn<QByteArray>("text");
-    QTest::addColumn<QByteArray>("fault");
-    const QByteArray good = QByteArray::fromStdString(vl::writeSecretKey(m_keys.secretKey));
-    vl::SecretKey torn = m_keys.secretKey;
-    torn.key[40] ^= 1U;
-    QTest::newRow("empty") << QByteArray() << QByteArray("not a minisign secret key");
-    QTest::newRow("cut") << good.chopped(20) << QByteArray("not a minisign secret key");
-    QTest::newRow("public key") << QByteArray::fromStdString(vl::writePublicKey(m_keys.publicKey))
-                                << QByteArray("not a minisign secret key");
-    QTest::newRow("halves that do not fit")
-        << QByteArray::fromStdString(vl::writeSecretKey(torn)) << QByteArray("damaged");
-    // "Ed", then "Sc" (scrypt) where an unencrypted key has two zero bytes.
-    QTest::newRow("with a password")
-        << QByteArray(good).replace("RWQAAEIy", "RWRTY0Iy") << QByteArray("password");
-}
-
-void MinisignTest::badKeysAreRefused()
-{
-    QFETCH(QByteArray, text);
-    QFETCH(QByteArray, fault);
-    const auto key = vl::readSecretKey(text.toStdString());
-    QVERIFY(!key);
-    QVERIFY2(key.error().message.find(fault.toStdString()) != std::string::npos,
-             key.error().message.c_str());
-}
-
-void MinisignTest::minisignVerifiesOurs()
+void MinisignTest::minisignAgreesBothWays()
 {
     if (QStandardPaths::findExecutable(QStringLiteral("minisign")).isEmpty())
         QSKIP("the minisign program is not installed");
-    write(QStringLiteral("m"), message);
-    write(QStringLiteral("m.minisig"), m_signature);
+    const QString file = QStringLiteral("m");
+    const QString signature = QStringLiteral("m.minisig");
+    write(file, message);
+    write(signature, m_signature);
     write(QStringLiteral("key.pub"), vl::writePublicKey(m_keys.publicKey));
     QVERIFY(run({QStringLiteral("-V"), QStringLiteral("-p"), QStringLiteral("key.pub"),
-                 QStringLiteral("-m"), QStringLiteral("m")})
+                 QStringLiteral("-m"), file})
                 .contains("Signature and comment signature verified"));
-}
-
-void MinisignTest::oursVerifiesMinisign()
-{
-    if (QStandardPaths::findExecutable(QStringLiteral("minisign")).isEmpty())
-        QSKIP("the minisign program is not installed");
-    const auto sign = [this](const QString& keyFile) {
-        return run({QStringLiteral("-S"), QStringLiteral("-s"), keyFile, QStringLiteral("-m"),
-                    QStringLiteral("m")});
-    };
-    write(QStringLiteral("m"), message);
-    // A secret key of ours in minisign's hands.
-    write(QStringLiteral("ours.key"), vl::writeSecretKey(m_keys.secretKey));
-    sign(QStringLiteral("ours.key"));
-    auto verified = vl::verify(message, read(QStringLiteral("m.minisig")).toStdString(),
-                               std::span(&m_keys.publicKey, 1));
-    QVERIFY2(verified, verified ? "" : verified.error().message.c_str());
 
     // A key pair of minisign's in ours.
+    const QString theirKey = QStringLiteral("theirs.key");
     QVERIFY(!run({QStringLiteral("-G"), QStringLiteral("-W"), QStringLiteral("-p"),
-                  QStringLiteral("theirs.pub"), QStringLiteral("-s"), QStringLiteral("theirs.key")})
+                  QStringLiteral("theirs.pub"), QStringLiteral("-s"), theirKey})
                  .isEmpty());
     const auto theirs = vl::readPublicKey(read(QStringLiteral("theirs.pub")).toStdString());
-    const auto secret = vl::readSecretKey(read(QStringLiteral("theirs.key")).toStdString());
+    const auto secret = vl::readSecretKey(read(theirKey).toStdString());
     QVERIFY(theirs && secret);
     QCOMPARE(vl::writePublicKey(vl::publicKeyOf(*secret)), vl::writePublicKey(*theirs));
-    sign(QStringLiteral("theirs.key"));
-    verified = vl::verify(message, read(QStringLiteral("m.minisig")).toStdString(),
-                          std::span(&*theirs, 1));
-    QVERIFY2(verified, verified ? "" : verified.error().message.c_str());
+
+    // Signatures of minisign's, with its key and with ours.
+    write(QStringLiteral("ours.key"), vl::writeSecretKey(m_keys.secretKey));
+    for (const QString& keyFile : {theirKey, QStringLiteral("ours.key")}) {
+        run({QStringLiteral("-S"), QStringLiteral("-s"), keyFile, QStringLiteral("-m"), file});
+        const vl::PublicKey& key = keyFile == theirKey ? *theirs : m_keys.publicKey;
+        const auto verified =
+            vl::verify(message, read(signature).toStdString(), std::span(&key, 1));
+        QVERIFY2(verified, verified ? "" : verified.error().message.c_str());
+    }
 }
 
 QTEST_APPLESS_MAIN(MinisignTest)

@@ -25,46 +25,28 @@ void PathRulesTest::pathsAreJudged_data()
     const auto row = [](const char* name, const QByteArray& path, const char* fault) {
         QTest::newRow(name) << path << QByteArray(fault);
     };
-    row("plain", "bin/sim.exe", "");
     row("Cyrillic", "данные/карта 1.txt", "");
-    row("dots inside", "a/..b/c...d", "");
-    row("hidden", ".config", "");
     row("like a device", "console/COMA/nulls.txt/COM10", "");
     row("tilde that is no short name", "~backup/notes~/version~12345678.txt", "");
     row("component at the limit", QByteArray(255, 'x'), "");
     row("component above the limit", QByteArray(256, 'x'), "255 bytes");
     row("path at the limit", QByteArray("ab/").repeated(341) + "z", "");
     row("path above the limit", QByteArray("ab/").repeated(341) + "zz", "1024 bytes");
-    row("empty", "", "empty");
     row("absolute", "/etc/passwd", "absolute");
-    row("share", "//server/share", "absolute");
     row("parent", "../x", "\"..\"");
-    row("parent inside", "a/../../x", "\"..\"");
     row("parent at the end", "a/..", "\"..\"");
-    row("this folder", "a/./b", "\".\"");
     row("empty component", "a//b", "empty component");
-    row("slash at the end", "a/", "empty component");
     row("backslash", "a\\..\\x", "character \\");
     row("drive", "C:/x", "character :");
     row("stream", "a.txt:stream", "character :");
-    row("wildcard", "a*", "character *");
     row("NUL inside", QByteArray("a\0b", 3), "control");
-    row("line end", "a\nb", "control");
-    row("delete", "a\x7f", "control");
     row("C1 control", "a\xc2\x85", "control");
     row("trailing dot", "a./b", "dot or a space");
-    row("trailing space", "a /b", "dot or a space");
-    row("device", "CON", "reserved");
     row("device in lower case with extension", "x/nul.tar.gz", "reserved");
     row("device with space", "aux .txt", "reserved");
-    row("port", "LPT9.log", "reserved");
     row("superscript port", "COM\xc2\xb9", "reserved");
-    row("short name", "PROGRA~1/x", "short name");
     row("short name with extension", "setup~12.exe", "short name");
-    row("lone continuation byte", "a\x80", "UTF-8");
     row("overlong slash", "a\xc0\xaf", "UTF-8");
-    row("surrogate", "a\xed\xa0\x80", "UTF-8");
-    row("cut sequence", "a\xd0", "UTF-8");
 }
 
 void PathRulesTest::pathsAreJudged()
@@ -79,7 +61,6 @@ void PathRulesTest::pathsAreJudged()
 void PathRulesTest::versionKeysAreOneComponent()
 {
     QCOMPARE(vl::versionKeyFault("1.2.0-rc.1+build"), std::string());
-    QCOMPARE(vl::versionKeyFault("версия"), std::string());
     for (const char* key : {"", "..", "1/2", "1.0.", "con", "a\\b"})
         QVERIFY2(!vl::versionKeyFault(key).empty(), key);
     QVERIFY(vl::versionKeyFault(std::string(128, '1')).empty());
@@ -95,14 +76,9 @@ void PathRulesTest::setsOfPathsAreJudged_data()
     };
     const auto text = [](const char* utf8) { return QString::fromUtf8(utf8); };
     row("apart", {text("a"), text("b/a"), text("b/c")}, true);
-    row("same beginning", {text("a"), text("ab"), text("a-b/c"), text("a.b")}, true);
     row("twice", {text("a/b"), text("a/b")}, false);
-    row("case", {text("Readme"), text("README")}, false);
-    row("case of a folder", {text("Data/x"), text("data/X")}, false);
     row("Cyrillic case", {text("Карта"), text("кАРТА")}, false);
-    row("sharp s", {text("straße"), text("STRASSE")}, false);
     row("composed and decomposed", {text("\u0439"), text("\u0438\u0306")}, false);
-    row("file below a file", {text("a"), text("a/b")}, false);
     row("file below a file, others between", {text("a"), text("a-b"), text("a.c"), text("a/b")},
         false);
     row("file below a file of other case", {text("LIB"), text("a"), text("lib/x/y")}, false);

@@ -158,12 +158,6 @@ std::streamsize LogLines::xsputn(const char* text, std::streamsize count)
     return count;
 }
 
-LogLines::int_type LogLines::overflow(int_type)
-{
-    lines.emplace_back("a single character");
-    return 0;
-}
-
 std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> Recorder::progress()
 {
     return [this](std::uint64_t speed, std::uint64_t done, std::uint64_t total) {

@@ -73,7 +73,6 @@ public:
 
 protected:
     std::streamsize xsputn(const char* text, std::streamsize count) override;
-    int_type overflow(int_type character) override;
 };
 
 /// Takes the reports of an installation; `goOn` decides what the callback answers.

@@ -5,8 +5,6 @@
 
 #include <QTest>
 
-#include <cerrno>
-
 using testsupport::Misbehaviour;
 using vl::Expected;
 
@@ -31,11 +29,9 @@ private Q_SLOTS:
     void packsSurviveServers();
     void partFilesAreVerified_data();
     void partFilesAreVerified();
-    void fullDiskKeepsWhatIsThere();
 
 private:
-    Expected<void> download(const std::function<void(std::size_t)>& ready = {},
-                            const std::string& repository = {});
+    Expected<void> download(const std::string& repository = {});
     void expectComplete() const;
 
     TransportFixture m_fixture;
@@ -68,16 +64,13 @@ void PackDownloadTest::init()
     QVERIFY(vl::removeFile(m_part));
 }
 
-Expected<void> PackDownloadTest::download(const std::function<void(std::size_t)>& ready,
-                                          const std::string& repository)
+Expected<void> PackDownloadTest::download(const std::string& repository)
 {
     m_ready.clear();
     LoggedOperation operation;
     return vl::downloadPack(*m_fixture.open(repository), m_pack, m_part, *operation,
                             [&](std::size_t frame) -> Expected<void> {
                                 m_ready.push_back(frame);
-                                if (ready)
-                                    ready(frame);
                                 return {};
                             });
 }
@@ -105,7 +98,6 @@ void PackDownloadTest::packsSurviveServers_data()
     row("wrong byte for ever", {.flipByteAt = 500'000}, vlupd::BROKEN_OR_MISSING, 2, 2);
     row("too short a file told", {.totalError = -1}, vlupd::CONTENT_LEN_ERROR, 1, 0);
     row("endless", {.endless = true}, vlupd::CONTENT_LEN_ERROR, 1, 5);
-    row("no such pack", {.status = 404}, vlupd::RSYNC_ERROR, 1, 0);
 }
 
 void PackDownloadTest::packsSurviveServers()
@@ -124,7 +116,7 @@ void PackDownloadTest::packsSurviveServers()
         QVERIFY2(words.find("at byte 400000") != std::string::npos, words.c_str());
     // Whatever happened, the next run goes on with what is there.
     const testsupport::HttpServer good(m_fixture.folder());
-    QVERIFY(download({}, good.address()));
+    QVERIFY(download(good.address()));
     expectComplete();
     QCOMPARE(quint64(good.bytesSent()), packSize - kept);
 }
@@ -157,20 +149,6 @@ void PackDownloadTest::partFilesAreVerified()
     expectComplete();
     QCOMPARE(m_fixture.server().requests(), requests);
     QCOMPARE(quint64(m_fixture.server().bytesSent()), bytes);
-}
-
-void PackDownloadTest::fullDiskKeepsWhatIsThere()
-{
-    const auto result = download([](std::size_t frame) {
-        if (frame == 2)
-            vl::setFileFault([](vl::FileOperation what, const std::filesystem::path&) {
-                return what == vl::FileOperation::Write ? std::optional<int>(ENOSPC) : std::nullopt;
-            });
-    });
-    vl::setFileFault({});
-    QVERIFY(!result);
-    QCOMPARE(int(result.error().code), int(vlupd::SYSTEM_CALL_ERROR));
-    QCOMPARE(quint64(vl::resumableBytes(m_part, m_pack)), quint64(3 * frameSize));
 }
 
 QTEST_GUILESS_MAIN(PackDownloadTest)

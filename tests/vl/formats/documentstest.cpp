@@ -1,0 +1,185 @@
+#include "vl/src/formats/catalogue.h"
+#include "vl/src/formats/config.h"
+#include "vl/src/formats/manifest.h"
+
+#include <QTest>
+
+#include <optional>
+
+namespace {
+
+enum Kind { Manifest, Catalogue, Config };
+
+const QByteArray hash(64, 'a');
+/// The public half of a throw-away key pair.
+const QByteArray key("RWSR7+yH763BrphIhmjCm/e/WAsCSzqRoqo5mqs87+djpmtpiaWleTHs");
+
+/// Two frames of 3000 bytes in all, two files in them.
+const char* const manifestText = R"({"format":1,
+"version":"1.0.0",
+"executables":{"default_exec":"bin/sim"},
+"pack":{"size":30,"hash":"%H","frames":[
+  {"offset":0,"size":10,"rawSize":1000,"hash":"%H"},
+  {"offset":10,"size":20,"rawSize":2000,"hash":"%H"}]},
+"files":[
+  {"path":"a.txt","size":100,"mode":"0644","hash":"%H","rawOffset":512},
+  {"path":"bin/sim","size":1500,"mode":"0755","hash":"%H","rawOffset":1024}]}
+)";
+const char* const catalogueText = R"({"format": 1, "repository": "0123456789abcdef", "serial": 7,
+"date": "2026-11-01", "expires": "2027-11-01", "versions": {
+"1.0.0": {"date": "2026-10-01", "manifest": {"hash": "%H", "size": 1000}, "own": null},
+"special": {"date": "2026-10-02", "manifest": {"hash": "%H", "size": 33554432}, "name": "Особая"}}}
+)";
+// No raw text: moc would take the slashes for a comment.
+const char* const configText =
+    "{\"repository\": \"https://example.org/releases\", \"publicKeys\": [\"%K\"],"
+    "\"repositoryId\": \"0123\", \"maxBytesPerSecond\": 1000, \"proxy\": \"http://proxy:3128\"}";
+
+QByteArray goodText(int kind)
+{
+    const char* const text = kind == Manifest    ? manifestText
+                             : kind == Catalogue ? catalogueText
+                                                 : configText;
+    return QByteArray(text).replace("%H", hash).replace("%K", key);
+}
+
+/// What is wrong with a document; nothing when it is accepted.
+std::optional<vl::Error> faultOf(int kind, const std::string& text)
+{
+    const auto fault = [](const auto& result) {
+        return result ? std::nullopt : std::optional<vl::Error>(result.error());
+    };
+    if (kind == Manifest)
+        return fault(vl::readManifest(text, "1.0.0"));
+    return kind == Catalogue ? fault(vl::readCatalogue(text)) : fault(vl::parseConfig(text));
+}
+
+} // namespace
+
+/// Manifests and catalogues may be hostile, and vl.json is edited by hand: nothing of a malformed
+/// one may be believed, and what is wrong has to be said by name.
+class DocumentsTest final : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void goodDocumentsSurviveRoundTrip();
+    void variantsAreJudged_data();
+    void variantsAreJudged();
+    void everyTruncationIsRefused();
+};
+
+void DocumentsTest::goodDocumentsSurviveRoundTrip()
+{
+    const std::string text = goodText(Manifest).toStdString();
+    const auto manifest = vl::readManifest(text, "1.0.0");
+    QVERIFY2(manifest, manifest ? "" : manifest.error().message.c_str());
+    QCOMPARE(vl::writeManifest(*manifest), text);
+    const auto catalogue = vl::readCatalogue(goodText(Catalogue).toStdString());
+    QVERIFY2(catalogue, catalogue ? "" : catalogue.error().message.c_str());
+    QCOMPARE(catalogue->manifests.at("1.0.0").size, std::uint64_t{1000});
+    QVERIFY(catalogue->versions.at("1.0.0").contains("own"));
+    const auto again = vl::readCatalogue(vl::writeCatalogue(*catalogue));
+    QVERIFY(again && again->versions == catalogue->versions);
+}
+
+void DocumentsTest::variantsAreJudged_data()
+{
+    QTest::addColumn<int>("kind");
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+    QTest::addColumn<QByteArray>("fault"); // empty: accepted
+    const auto rowsOf = [](int kind, const char* of) {
+        return [kind, of](const char* name, const QByteArray& before, const QByteArray& after,
+                          const char* fault) {
+            QTest::addRow("%s: %s", of, name) << kind << before << after << QByteArray(fault);
+        };
+    };
+    const auto manifest = rowsOf(Manifest, "manifest");
+    const QByteArray fileEnd = "\"rawOffset\":1024}";
+    const auto file = [&fileEnd](const QByteArray& path, const QByteArray& size,
+                                 const QByteArray& offset) -> QByteArray {
+        return fileEnd + ",{\"path\":\"" + path + "\",\"size\":" + size +
+               ",\"mode\":\"0644\",\"hash\":\"" + hash + "\",\"rawOffset\":" + offset + "}";
+    };
+    manifest("unknown format", "\"format\":1,", "\"format\":2,\"files\":7,", "version 2");
+    manifest("other version", "\"version\":\"1.0.0\"", "\"version\":\"1.0.1\"", "belongs to");
+    manifest("no files", "\"files\":", "\"other\":", "\"files\" is missing");
+    manifest("files is no list", "\"files\":[", "\"files\":null,\"x\":[", "wrong type");
+    manifest("duplicate list", "\"files\":", "\"files\":[],\"files\":", "twice");
+    manifest("unknown members", "\"size\":", "\"x\":{\"size\":[-1,{}],\"format\":9},\"size\":", "");
+    manifest("more after the end", "1024}]}", "1024}]} {}", "not valid JSON");
+    manifest("negative", "\"size\":100", "\"size\":-1", "negative");
+    manifest("2^63", "\"size\":100", "\"size\":9223372036854775808", "2^63");
+    manifest("overflow", "\"rawOffset\":512", "\"rawOffset\":9223372036854775807", "inside");
+    manifest("short hash", hash, QByteArray(63, 'a'), "hexadecimal");
+    manifest("set-user bit", "0755", "4755", "0644 nor 0755");
+    manifest("gap between frames", "\"offset\":10,", "\"offset\":11,", "does not begin");
+    manifest("pack not filled", "\"pack\":{\"size\":30", "\"pack\":{\"size\":31", "fill");
+    manifest("empty frame", "\"rawSize\":1000", "\"rawSize\":0", "empty or larger");
+    manifest("largest frame", "\"rawSize\":2000", "\"rawSize\":67108864", "");
+    manifest("larger frame", "\"rawSize\":2000", "\"rawSize\":67108865", "empty or larger");
+    manifest("file to the last byte", "\"size\":1500", "\"size\":1976", "");
+    manifest("file beyond it", "\"size\":1500", "\"size\":1977", "inside");
+    manifest("files overlap", "\"rawOffset\":512", "\"rawOffset\":1000", "overlap");
+    manifest("files of the same bytes", fileEnd, file("twin", "1500", "1024"), "");
+    manifest("parent folder", "a.txt", "../a.txt", "\"..\"");
+    manifest("case twin", fileEnd, file("A.TXT", "1", "1"), "one file");
+    manifest("executable not listed", ":\"bin/sim\"}", ":\"bin/si\"}", "not listed");
+
+    const auto catalogue = rowsOf(Catalogue, "catalogue");
+    catalogue("unknown format", "\"format\": 1", "\"format\": 2", "format version 2");
+    catalogue("negative serial", "\"serial\": 7", "\"serial\": -7", "\"serial\"");
+    catalogue("no such day", "2026-11-01", "2026-02-29", "\"date\"");
+    catalogue("no expires", "\"expires\": \"2027-11-01\",", "", "");
+    catalogue("no manifest", "\"manifest\"", "\"Manifest\"", "\"manifest\"");
+    catalogue("manifest above the limit", "33554432", "33554433", "larger than 32 MiB");
+    catalogue("hostile version key", "\"special\"", "\"../special\"", "version key");
+    catalogue("version twice", "\"special\"", "\"1.0.0\"", "twice");
+    catalogue("deep nesting", "null", QByteArray(100000, '[') + QByteArray(100000, ']'),
+              "too deeply");
+    catalogue("invalid UTF-8", "Особая", "\xff", "not valid JSON");
+
+    const auto config = rowsOf(Config, "config");
+    config("unknown members", "{", "{\"comment\": [1, 2], ", "");
+    config("comma at the end", "3128\"}", "3128\",}", "not valid JSON");
+    config("no repository", "\"repository\"", "\"repo\"", "\"repository\"");
+    config("empty repository", "https://example.org/releases", "", "\"repository\"");
+    config("only what must be", "\"repositoryId\": \"0123\", \"maxBytesPerSecond\": 1000, ", "",
+           "");
+    config("no keys", "\"publicKeys\"", "\"keys\"", "\"publicKeys\"");
+    config("three keys", "\"],", "\", \"x\", \"y\"],", "\"publicKeys\"");
+    config("key cut short", key, key.chopped(4), "not a minisign public key");
+    config("negative limit", "1000", "-1", "\"maxBytesPerSecond\"");
+    config("limit as text", "1000", "\"1M\"", "\"maxBytesPerSecond\"");
+    config("proxy of another type", "\"http://proxy:3128\"", "{}", "\"proxy\"");
+}
+
+void DocumentsTest::variantsAreJudged()
+{
+    QFETCH(int, kind);
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    QFETCH(QByteArray, fault);
+    QByteArray text = goodText(kind);
+    QVERIFY(text.contains(before));
+    const auto found = faultOf(kind, text.replace(before, after).toStdString());
+    const std::string message = found ? found->message : std::string();
+    QVERIFY2(found.has_value() != fault.isEmpty(), found ? message.c_str() : "accepted");
+    QVERIFY2(message.find(fault.toStdString()) != std::string::npos, message.c_str());
+    if (found)
+        QCOMPARE(found->code,
+                 fault == "not listed" ? vlupd::APP_DEFINITION_ERROR : vlupd::UPDATER_DATA_ERROR);
+}
+
+void DocumentsTest::everyTruncationIsRefused()
+{
+    for (const int kind : {Manifest, Catalogue, Config}) {
+        const std::string text = goodText(kind).trimmed().toStdString();
+        for (std::size_t size = 0; size < text.size(); ++size)
+            QVERIFY2(faultOf(kind, text.substr(0, size)), std::to_string(size).c_str());
+    }
+}
+
+QTEST_APPLESS_MAIN(DocumentsTest)
+#include "documentstest.moc"
