@@ -1,13 +1,35 @@
 #include "ui/widgets/coverimage.h"
 
+#include <QFileInfo>
 #include <QPainter>
+#include <QThread>
+
+CoverImage::~CoverImage()
+{
+    if (m_decoder != nullptr)
+        m_decoder->wait();
+}
 
 void CoverImage::setPicture(const QString& fileName)
 {
+    const QFileInfo file(fileName);
     m_fileName = fileName;
-    m_picture.load(fileName);
+    m_picture.load(file.path() % u'/' % file.completeBaseName() % u"_small." % file.suffix());
     m_scaled = {};
     update();
+}
+
+void CoverImage::beginDecoding()
+{
+    m_decoder = QThread::create([this] { m_decoded.load(m_fileName); });
+    m_decoder->setParent(this);
+    connect(m_decoder, &QThread::finished, this, [this] {
+        m_picture = QPixmap::fromImage(std::move(m_decoded));
+        m_scaled = {};
+        m_complete = true;
+        update();
+    });
+    m_decoder->start();
 }
 
 void CoverImage::paintEvent(QPaintEvent* event)
@@ -25,4 +47,6 @@ void CoverImage::paintEvent(QPaintEvent* event)
             m_picture.copy(crop).scaled(needed, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     }
     QPainter(this).drawPixmap(rect(), m_scaled);
+    if (m_decoder == nullptr)
+        beginDecoding();
 }

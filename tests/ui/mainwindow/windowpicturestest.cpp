@@ -2,6 +2,7 @@
 #include "tests/support/modalanswerer.h"
 #include "tests/support/scriptedvl.h"
 #include "ui/mainwindow/mainwindow.h"
+#include "ui/widgets/coverimage.h"
 #include "ui/widgets/resources.h"
 #include "ui/widgets/warningwindow.h"
 
@@ -59,7 +60,11 @@ void WindowPicturesTest::initTestCase()
 void WindowPicturesTest::save(QWidget& window, const QString& state)
 {
     QApplication::processEvents();
-    const QPixmap picture = window.grab();
+    QPixmap picture = window.grab();
+    if (const auto* hero = window.findChild<CoverImage*>()) {
+        QTRY_VERIFY(hero->isComplete());
+        picture = window.grab();
+    }
     if (!m_folder.isEmpty()) {
         const QString file =
             QStringLiteral("%1/%2@%3.png").arg(m_folder, state).arg(picture.devicePixelRatio());
