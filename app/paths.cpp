@@ -34,7 +34,7 @@ QDir applicationDirectory()
         const std::lock_guard lock(mutex);
         directory = cached;
     }
-    if (directory && directory->exists() && !directory->isEmpty())
+    if (directory && hasEntries(*directory))
         return *directory;
 
     directory = QDir(QCoreApplication::applicationDirPath());
@@ -45,6 +45,12 @@ QDir applicationDirectory()
     const std::lock_guard lock(mutex);
     cached = directory;
     return *directory;
+}
+
+bool hasEntries(const QDir& directory)
+{
+    return !directory.isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System |
+                              QDir::NoDotAndDotDot);
 }
 
 qint64 directorySize(const QString& path)

@@ -7,6 +7,9 @@
 /// library's root. Needs the application object. Any thread.
 QDir applicationDirectory();
 
+/// Whether `directory` exists and holds anything at all, hidden entries included.
+bool hasEntries(const QDir& directory);
+
 /// Bytes of all regular files below `path`, or -1 when there is no such directory. Hidden entries
 /// do not count and linked directories are not entered. Reads the whole tree: it takes as long as
 /// the tree is large.

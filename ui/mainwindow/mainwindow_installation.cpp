@@ -22,8 +22,7 @@ void MainWindow::runSimulatorBtnHandler()
         qInfo() << "[runSimulatorBtnHandler] Already in process\n";
     } else if (!installed || installed->first != selected) {
         installVersion(selected);
-    } else if (installed->second.isEmpty(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden |
-                                         QDir::System)) {
+    } else if (!hasEntries(installed->second)) {
         showWarningWindow(QStringLiteral("Симулятор некорректно\nустановлен"));
     } else {
         startInstalledVersion(selected, installed->second);

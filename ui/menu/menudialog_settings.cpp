@@ -36,7 +36,7 @@ void MenuDialog::prepareSettingsPage()
     permit.release();
 
     std::optional<qulonglong> size;
-    if (installed && !installed->first.isEmpty() && !installed->second.isEmpty())
+    if (installed && !installed->first.isEmpty() && hasEntries(installed->second))
         size = store.getValue(settings::filesystemGroup, settings::installationSize, true,
                               qulonglong{0});
     if (!size) {

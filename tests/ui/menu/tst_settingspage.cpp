@@ -77,7 +77,7 @@ void SettingsPageTest::init()
 
 void SettingsPageTest::install(vlupd::UPD_RESULT checkResult, vlupd::UPD_RESULT removeResult)
 {
-    QVERIFY(QDir(m_installed->path()).mkpath(QStringLiteral("bin")));
+    QVERIFY(QDir(m_installed->path()).mkpath(QStringLiteral(".bin")));
     scripted::Script script;
     script.installed["1.2.0"] = {m_installed->path().toStdString()};
     script.checkResult = checkResult;
@@ -109,7 +109,7 @@ void SettingsPageTest::refresh_data()
     const QString whole = QStringLiteral(".");
     QTest::newRow("nothing installed") << false << whole << true << false << false;
     QTest::newRow("folder gone") << true << QStringLiteral("gone") << true << false << false;
-    QTest::newRow("folder empty") << true << QStringLiteral("bin") << true << false << false;
+    QTest::newRow("folder empty") << true << QStringLiteral(".bin") << true << false << false;
     QTest::newRow("installed") << true << whole << true << true << true;
     QTest::newRow("installation running") << true << whole << false << true << false;
 }
@@ -121,7 +121,7 @@ void SettingsPageTest::refresh()
     QFETCH(bool, idle);
     QFETCH(bool, shown);
     QFETCH(bool, enabled);
-    QVERIFY(QDir(m_installed->path()).mkpath(QStringLiteral("bin")));
+    QVERIFY(QDir(m_installed->path()).mkpath(QStringLiteral(".bin")));
     scripted::Script script;
     const QString path = QDir::cleanPath(m_installed->filePath(folder));
     if (installed)
