@@ -17,10 +17,11 @@ int main(int argc, char* argv[])
     MainWindow window;
     window.show();
     const int result = QApplication::exec();
+    // What was stored while the event loop ended is not on the disk yet.
+    SettingsStore::instance().sync();
     if (window.isInstalling()) {
         // The installation cannot be cancelled and nothing may wait for it: the process ends under
         // it, and the library takes up the rest at the next start.
-        SettingsStore::instance().sync();
         flushLog();
         std::_Exit(result);
     }

@@ -52,7 +52,7 @@ public:
     template <SettingType T>
     void setValue(const QString& group, const QString& key, const T& value);
 
-    /// Writes the file now. For a caller about to end the process without its usual clean-up.
+    /// Writes the file now. For a caller about to end the process.
     void sync();
 
 private:
