@@ -95,8 +95,7 @@ QByteArray composeMessage(const BugReport& report)
     return message;
 }
 
-} // namespace
-
+/// Goes on after short writes; ends early when a write takes nothing.
 void writeAll(QIODevice& device, const QByteArray& data)
 {
     // The array itself, not a pointer into it: a socket then shares its memory.
@@ -107,6 +106,8 @@ void writeAll(QIODevice& device, const QByteArray& data)
         written += count;
     }
 }
+
+} // namespace
 
 bool sendBugReport(const BugReport& report)
 {

@@ -3,8 +3,6 @@
 #include <QString>
 #include <QStringList>
 
-class QIODevice;
-
 /// What the user reports.
 struct BugReport
 {
@@ -22,6 +20,3 @@ struct BugReport
 /// from then on. Attachments that cannot be opened are left out. The message is held in memory
 /// once. Needs a thread with an event loop.
 bool sendBugReport(const BugReport& report);
-
-/// Writes `data` to `device`, going on after short writes; ends early when a write takes nothing.
-void writeAll(QIODevice& device, const QByteArray& data);
