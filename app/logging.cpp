@@ -11,9 +11,9 @@
 #include <QTextStream>
 
 #include <cstdint>
-#include <limits>
 #include <mutex>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include <QtEndian>
 
+#include <utility>
+
 namespace {
 
 constexpr qint64 lengthSize = sizeof(quint32);
