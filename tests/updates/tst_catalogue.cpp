@@ -5,7 +5,7 @@
 #include <QJsonObject>
 #include <QTest>
 
-#include <string>
+using nlohmann::json;
 
 class TestCatalogue : public QObject
 {
@@ -13,19 +13,17 @@ class TestCatalogue : public QObject
 
 private Q_SLOTS:
     void readOnceAndKept();
-    void documents_data();
-    void documents();
-    void lookups_data();
-    void lookups();
-    void newVersions_data();
-    void newVersions();
-    void items_data();
-    void items();
+    void rules_data();
+    void rules();
 };
+
+/// One of the catalogue's functions, with what it takes and what it gives written as texts.
+using Rule = QString (*)(const QString& first, const QString& second);
+Q_DECLARE_METATYPE(Rule)
 
 namespace {
 
-using nlohmann::json;
+const QString absent = QStringLiteral("absent");
 
 void serve(json catalogue)
 {
@@ -34,24 +32,53 @@ void serve(json catalogue)
     scripted::setScript(std::move(script));
 }
 
-/// Puts `catalogue` into the cache.
-void cache(const QString& catalogue)
+/// Puts `catalogue` into the cache and returns it as it comes out.
+std::optional<QJsonDocument> cached(const QString& catalogue)
 {
     serve(json::parse(catalogue.toStdString()));
-    availableVersionsJson(false, true);
-}
-
-QString compact(const std::optional<QJsonDocument>& document)
-{
-    return document ? QString::fromUtf8(document->toJson(QJsonDocument::Compact))
-                    : QStringLiteral("absent");
+    return availableVersionsJson(false, true);
 }
 
 std::optional<QStringList> list(const QString& text)
 {
-    if (text == u"absent")
+    if (text == absent)
         return std::nullopt;
     return text.isEmpty() ? QStringList() : text.split(u' ');
+}
+
+/// The catalogue without its special versions.
+QString ordinary(const QString& catalogue, const QString& /*unused*/)
+{
+    if (cached(catalogue)->toJson(QJsonDocument::Compact) != catalogue.toUtf8())
+        return QStringLiteral("changed on the way");
+    return QString::fromUtf8(availableVersionsJson(true, false)->toJson(QJsonDocument::Compact));
+}
+
+QString nameAndDate(const QString& description, const QString& version)
+{
+    cached(QStringLiteral(R"({"1.0.0":%1})").arg(description));
+    const std::optional<QDate> date = versionDate(version);
+    // An invalid date has no text.
+    return versionName(version).value_or(absent) + u'|' +
+           (date ? date->toString(Qt::ISODate) : absent);
+}
+
+/// Whether the notice stays hidden, and the versions that are kept.
+QString newVersions(const QString& catalogue, const QString& seen)
+{
+    const NewVersionCheck check =
+        checkForNewVersions(catalogue == absent ? std::nullopt : cached(catalogue), list(seen));
+    return (check.hideNotification ? QStringLiteral("hide ") : QStringLiteral("show ")) +
+           check.availableVersions.join(u' ');
+}
+
+QString items(const QString& available, const QString& installed)
+{
+    cached(QStringLiteral(R"({"1.9.0":{},"7.0.0":{"name":"Особая"},"7.1.0":{"name":""}})"));
+    QStringList found;
+    for (const VersionItem& item : versionItems(list(available), installed, QStringLiteral("v. ")))
+        found += item.text + u'=' + item.version;
+    return found.join(u';');
 }
 
 } // namespace
@@ -80,120 +107,53 @@ void TestCatalogue::readOnceAndKept()
     QVERIFY(!availableVersionsJson(false, true));
 }
 
-void TestCatalogue::documents_data()
+void TestCatalogue::rules_data()
 {
-    QTest::addColumn<QString>("catalogue");
-    QTest::addColumn<QString>("ordinary"); // without the special versions
-    const auto row = [](const char* name, const char* catalogue, const char* ordinary) {
-        QTest::newRow(name) << QString::fromUtf8(catalogue) << QString::fromUtf8(ordinary);
+    QTest::addColumn<Rule>("rule");
+    QTest::addColumn<QString>("first");
+    QTest::addColumn<QString>("second");
+    QTest::addColumn<QString>("result");
+    const auto row = [](Rule rule, const char* first, const char* second, const char* result) {
+        QTest::addRow("%s, %s", first, second)
+            << rule << QString::fromUtf8(first) << QString::fromUtf8(second)
+            << QString::fromUtf8(result);
     };
-    row("special last", R"({"1.0.0":{"name":""},"1.1.0":{"name":"X"}})",
-        R"({"1.0.0":{"name":""}})");
-    row("special in the middle", R"({"1.0.0":{"a":1},"1.1.0":{"name":"X"},"1.2.0":{"a":3}})",
+    row(ordinary, R"({"1.0.0":{"name":""},"1.1.0":{"name":"X"}})", "", R"({"1.0.0":{"name":""}})");
+    row(ordinary, R"({"1.0.0":{"a":1},"1.1.0":{"name":"X"},"1.2.0":{"a":3}})", "",
         R"({"1.0.0":{"a":1},"1.1.0":{"a":3}})");
-    row("first and third", R"({"1":{"name":"X"},"2":{"a":2},"3":{"name":"Y"},"4":{"a":4}})",
+    row(ordinary, R"({"1":{"name":"X"},"2":{"a":2},"3":{"name":"Y"},"4":{"a":4}})", "",
         R"({"1":{"a":2},"2":{"a":4}})");
-    row("names that are none", R"({"1":{"name":7},"2":"name","3":[{"name":"X"}],"4":null})",
+    row(ordinary, R"({"1":{"name":7},"2":"name","3":[{"name":"X"}],"4":null})", "",
         R"({"1":{"name":7},"2":"name","3":[{"name":"X"}],"4":null})");
+
+    row(nameAndDate, R"({"name":"Имя","date":"2024-02-29"})", "1.0.0", "Имя|2024-02-29");
+    row(nameAndDate, R"({"name":"Имя","date":"2024-02-29"})", "1.0", "absent|absent");
+    row(nameAndDate, R"({"name":"","date":"2023-02-29"})", "1.0.0", "|");
+    row(nameAndDate, R"({"name":1,"date":["2023-01-01"]})", "1.0.0", "absent|absent");
+    row(nameAndDate, R"("2023-01-01")", "1.0.0", "absent|absent");
+
+    row(newVersions, "absent", "1", "hide ");
+    row(newVersions, "{}", "1", "hide ");
+    row(newVersions, R"({"1":{}})", "absent", "show 1");
+    row(newVersions, R"({"1":{}})", " 1", "show 1");
+    row(newVersions, R"({"1.0.0":{}})", "1.0.0 1.1.0", "hide 1.0.0");
+    row(newVersions, R"({"1.0.0":{},"1.2.0":{}})", "1.0.0 1.1.0", "show 1.0.0 1.2.0");
+
+    row(items, "absent", "1.0.0", "Нет доступных версий=");
+    row(items, " ", "", "Нет доступных версий=");
+    row(items, "1.9.0 1.10.0", "", "v. 1.10.0=1.10.0;v. 1.9.0=1.9.0");
+    row(items, "1.9.0", "2.0.0", "v. 2.0.0=2.0.0;v. 1.9.0=1.9.0");
+    row(items, "1.9.0", "1.9.0", "v. 1.9.0=1.9.0");
+    row(items, "7.0.0 7.1.0", "", "v. 7.1.0 ()=7.1.0;v. 7.0.0 (Особая)=7.0.0");
+    row(items, "1.0.0 zeta", "", "v. 1.0.0=1.0.0;v. zeta=zeta");
 }
 
-void TestCatalogue::documents()
+void TestCatalogue::rules()
 {
-    QFETCH(QString, catalogue);
-    QFETCH(QString, ordinary);
-    cache(catalogue);
-    QCOMPARE(compact(availableVersionsJson(true, false)), ordinary);
-    QCOMPARE(compact(availableVersionsJson(true, true)), catalogue);
-}
-
-void TestCatalogue::lookups_data()
-{
-    QTest::addColumn<QString>("version"); // what the catalogue says of it
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("date");
-    const auto row = [](const char* version, const char* name, const char* date) {
-        QTest::newRow(version) << QString::fromUtf8(version) << QString::fromUtf8(name)
-                               << QString::fromUtf8(date);
-    };
-    row(R"({"name":"Имя","date":"2024-02-29"})", "Имя", "2024-02-29");
-    row(R"({"name":"","date":"2023-02-29"})", "", "invalid");
-    row(R"({"name":1,"date":["2023-01-01"]})", "absent", "absent");
-    row(R"("2023-01-01")", "absent", "absent");
-}
-
-void TestCatalogue::lookups()
-{
-    QFETCH(QString, version);
-    QFETCH(QString, name);
-    QFETCH(QString, date);
-    cache(QStringLiteral(R"({"1.0.0":%1})").arg(version));
-    const QString key = QStringLiteral("1.0.0");
-    QCOMPARE(versionName(key).value_or(QStringLiteral("absent")), name);
-    const std::optional<QDate> found = versionDate(key);
-    const QString text =
-        found && found->isValid() ? found->toString(Qt::ISODate) : QStringLiteral("invalid");
-    QCOMPARE(found ? text : QStringLiteral("absent"), date);
-    QVERIFY(!versionName(QStringLiteral("1.0")));
-}
-
-void TestCatalogue::newVersions_data()
-{
-    QTest::addColumn<QString>("catalogue");
-    QTest::addColumn<QString>("seen");
-    QTest::addColumn<bool>("hide");
-    QTest::addColumn<QString>("kept");
-    const auto row = [](const char* name, const char* catalogue, const char* seen, bool hide,
-                        const char* kept) {
-        QTest::newRow(name) << QString::fromUtf8(catalogue) << QString::fromUtf8(seen) << hide
-                            << QString::fromUtf8(kept);
-    };
-    row("no catalogue", "absent", "1", true, "");
-    row("never checked", R"({"1":{}})", "absent", false, "1");
-    row("first entry empty", R"({"1":{}})", " 1", false, "1");
-    row("one less", R"({"1.0.0":{}})", "1.0.0 1.1.0", true, "1.0.0");
-    row("one more", R"({"1.0.0":{},"1.2.0":{}})", "1.0.0 1.1.0", false, "1.0.0 1.2.0");
-}
-
-void TestCatalogue::newVersions()
-{
-    QFETCH(QString, catalogue);
-    QFETCH(QString, seen);
-    const auto document = catalogue == u"absent"
-                              ? std::nullopt
-                              : std::optional(QJsonDocument::fromJson(catalogue.toUtf8()));
-    const NewVersionCheck check = checkForNewVersions(document, list(seen));
-    QTEST(check.hideNotification, "hide");
-    QTEST(check.availableVersions.join(u' '), "kept");
-}
-
-void TestCatalogue::items_data()
-{
-    QTest::addColumn<QString>("available");
-    QTest::addColumn<QString>("installed");
-    QTest::addColumn<QString>("items"); // text=version
-    const auto row = [](const char* name, const char* available, const char* installed,
-                        const char* items) {
-        QTest::newRow(name) << QString::fromUtf8(available) << QString::fromUtf8(installed)
-                            << QString::fromUtf8(items);
-    };
-    row("unreadable list", "absent", "1.0.0", "Нет доступных версий=");
-    row("one empty entry", " ", "", "Нет доступных версий=");
-    row("descending", "1.9.0 1.10.0", "", "v. 1.10.0=1.10.0;v. 1.9.0=1.9.0");
-    row("installed one unknown", "1.9.0", "2.0.0", "v. 2.0.0=2.0.0;v. 1.9.0=1.9.0");
-    row("installed one known", "1.9.0", "1.9.0", "v. 1.9.0=1.9.0");
-    row("names", "7.0.0 7.1.0", "", "v. 7.1.0 ()=7.1.0;v. 7.0.0 (Особая)=7.0.0");
-    row("no version number", "1.0.0 zeta", "", "v. 1.0.0=1.0.0;v. zeta=zeta");
-}
-
-void TestCatalogue::items()
-{
-    QFETCH(QString, available);
-    QFETCH(QString, installed);
-    cache(QStringLiteral(R"({"1.9.0":{},"7.0.0":{"name":"Особая"},"7.1.0":{"name":""}})"));
-    QStringList found;
-    for (const VersionItem& item : versionItems(list(available), installed, QStringLiteral("v. ")))
-        found += item.text + u'=' + item.version;
-    QTEST(found.join(u';'), "items");
+    QFETCH(Rule, rule);
+    QFETCH(QString, first);
+    QFETCH(QString, second);
+    QTEST(rule(first, second), "result");
 }
 
 QTEST_GUILESS_MAIN(TestCatalogue)

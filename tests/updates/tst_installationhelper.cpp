@@ -9,10 +9,8 @@ class TestInstallationHelper : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void signalsInOrder_data();
-    void signalsInOrder();
-    void nothingHappens_data();
-    void nothingHappens();
+    void run_data();
+    void run();
 };
 
 namespace {
@@ -48,56 +46,51 @@ QStringList signalsOf(const QString& version)
 
 } // namespace
 
-void TestInstallationHelper::signalsInOrder_data()
+void TestInstallationHelper::run_data()
 {
+    QTest::addColumn<QString>("version");
     QTest::addColumn<int>("result");
-    QTest::newRow("success") << int{vlupd::OK};
-    QTest::newRow("failure") << int{vlupd::CONTENT_LEN_ERROR};
+    QTest::addColumn<int>("busy"); // permits taken before
+    QTest::addColumn<int>("left"); // permits free afterwards
+    QTest::addColumn<QByteArray>("logged");
+    const QString version = QStringLiteral("1.0.0-тест");
+    const QByteArray fromLibrary("[installVersion] from the library");
+    QTest::newRow("success") << version << int{vlupd::OK} << 0 << 3 << fromLibrary;
+    QTest::newRow("failure") << version << int{vlupd::CONTENT_LEN_ERROR} << 0 << 3 << fromLibrary;
+    QTest::newRow("busy") << version << 0 << 3 << 0 << QByteArray();
+    QTest::newRow("no version: the permit stays taken")
+        << QString() << 0 << 0 << 2 << QByteArray("Version to install is empty! Aborting...");
 }
 
-void TestInstallationHelper::signalsInOrder()
+void TestInstallationHelper::run()
 {
+    QFETCH(QString, version);
     QFETCH(int, result);
+    QFETCH(int, busy);
+    QFETCH(int, left);
+    QFETCH(QByteArray, logged);
+    updaterInstance();
     scripted::Script script;
     script.installResult = static_cast<vlupd::UPD_RESULT>(result);
-    script.installation.emplace_back(scripted::Stage{vlupd::STAGE_DOWNLOADING});
+    script.installation = {scripted::Stage{vlupd::STAGE_DOWNLOADING}};
     QStringList expected{QStringLiteral("stage 0")};
     for (std::uint64_t i = 0; i < 1000; ++i) {
         script.installation.emplace_back(scripted::Progress{i, i * i, ~i});
         expected += QStringLiteral("%1/%2/%3").arg(i).arg(i * i).arg(~i);
     }
     script.installation.emplace_back(scripted::Stage{vlupd::STAGE_APPLYING});
-    script.installation.emplace_back(scripted::Log{"[installVersion] from the library"});
+    script.installation.emplace_back(scripted::Log{logged.toStdString()});
     scripted::setScript(script);
-    expected += {QStringLiteral("stage 3"), QStringLiteral("finished 1.0.0-тест %1").arg(result)};
+    expected +=
+        {QStringLiteral("stage 3"), QStringLiteral("finished %1 %2").arg(version).arg(result)};
 
-    QTest::ignoreMessage(QtDebugMsg, "[installVersion] from the library");
-    QCOMPARE(signalsOf(QStringLiteral("1.0.0-тест")), expected);
-    QCOMPARE(scripted::callsOf("installVersion"), std::vector<std::string>{"1.0.0-тест"});
-    QCOMPARE(updaterAccess.available(), 3);
-}
-
-void TestInstallationHelper::nothingHappens_data()
-{
-    QTest::addColumn<QString>("version");
-    QTest::addColumn<int>("busy"); // permits taken before
-    QTest::addColumn<int>("left"); // permits free afterwards
-    QTest::newRow("busy") << "1.0.0" << 3 << 0;
-    QTest::newRow("no version: the permit stays taken") << "" << 0 << 2;
-}
-
-void TestInstallationHelper::nothingHappens()
-{
-    QFETCH(QString, version);
-    QFETCH(int, busy);
-    QFETCH(int, left);
-    updaterInstance();
-    scripted::setScript({});
-    if (version.isEmpty())
-        QTest::ignoreMessage(QtDebugMsg, "Version to install is empty! Aborting...");
+    if (!logged.isEmpty())
+        QTest::ignoreMessage(QtDebugMsg, logged.constData());
     updaterAccess.acquire(busy);
-    QCOMPARE(signalsOf(version), QStringList());
-    QVERIFY(scripted::callsOf("installVersion").empty());
+    const bool installed = left == 3;
+    QCOMPARE(signalsOf(version), installed ? expected : QStringList());
+    QCOMPARE(scripted::callsOf("installVersion"),
+             std::vector<std::string>(installed ? 1 : 0, version.toStdString()));
     QCOMPARE(updaterAccess.available(), left);
     updaterAccess.release(3 - left);
 }
