@@ -26,7 +26,6 @@ private Q_SLOTS:
     void initTestCase();
     void init();
 
-    void limits_data();
     void limits();
     void oversizedFiles_data();
     void oversizedFiles();
@@ -92,12 +91,8 @@ void ReportFormTest::choose(const QStringList& files)
     child<QPushButton>("attachFileButton")->click();
 }
 
-void ReportFormTest::limits_data()
+void ReportFormTest::limits()
 {
-    QTest::addColumn<QString>("subject");
-    QTest::addColumn<QString>("body");
-    QTest::addColumn<QString>("refusal");
-
     const QString noSubject = QStringLiteral("Заголовок ошибки не может быть пустым!");
     const QString subjectLength = QStringLiteral(
         "Длина заголовка не может быть меньше 10 символов и не может превышать 100 символов!");
@@ -106,75 +101,70 @@ void ReportFormTest::limits_data()
                        "подробно, насколько возможно.");
     const QString bodyLength = QStringLiteral("Описание не может быть меньше, чем 50 символов, а "
                                               "также не должно превышать 1000 символов!");
-    const auto row = [](const char* name, int subject, int body, const QString& refusal) {
-        QTest::newRow(name) << text(subject) << text(body) << refusal;
+    const auto refusal = [](int subject, int body) {
+        return reportRefusal(text(subject), text(body)).value_or(QString());
     };
-    row("both empty", 0, 0, noSubject);
-    row("subject 9", 9, 0, subjectLength);
-    row("subject 101", 101, 50, subjectLength);
-    row("body empty", 10, 0, noBody);
-    row("body 49", 10, 49, bodyLength);
-    row("body 1001", 100, 1001, bodyLength);
-    row("shortest", 10, 50, QString());
-    row("longest", 100, 1000, QString());
-}
-
-void ReportFormTest::limits()
-{
-    QFETCH(QString, subject);
-    QFETCH(QString, body);
-    QTEST(reportRefusal(subject, body).value_or(QString()), "refusal");
+    QCOMPARE(refusal(0, 0), noSubject);
+    QCOMPARE(refusal(9, 0), subjectLength);
+    QCOMPARE(refusal(101, 50), subjectLength);
+    QCOMPARE(refusal(10, 0), noBody);
+    QCOMPARE(refusal(10, 49), bodyLength);
+    QCOMPARE(refusal(100, 1001), bodyLength);
+    QCOMPARE(refusal(10, 50), QString());
+    QCOMPARE(refusal(100, 1000), QString());
+    QVERIFY(!reportRefusal(QString(10, u' '), QString(50, u' ')));
 }
 
 void ReportFormTest::oversizedFiles_data()
 {
-    QTest::addColumn<QString>("files"); // capital letters are too large, "x" is missing
+    // Named by the files: capital letters are too large, "x" is missing.
     QTest::addColumn<QString>("left");
-    QTest::addColumn<int>("removed");
-
-    const auto row = [](const char* name, const QString& files, const QString& left, int removed) {
-        QTest::newRow(name) << files << left << removed;
-    };
-    row("apart", QStringLiteral("AbCd"), QStringLiteral("bd"), 2);
-    row("the second in a row escapes", QStringLiteral("ABc"), QStringLiteral("Bc"), 1);
-    row("the last is looked at again", QStringLiteral("aBC"), QStringLiteral("a"), 2);
-    row("five", QStringLiteral("ABCDE"), QString(), 5);
-    row("missing stays", QStringLiteral("xA"), QStringLiteral("x"), 1);
+    QTest::newRow("AbCd") << "bd";
+    QTest::newRow("ABc") << "Bc"; // the second in a row escapes
+    QTest::newRow("aBC") << "a";  // the last is looked at again
+    QTest::newRow("ABCDE") << "";
+    QTest::newRow("xA") << "x";
 }
 
 void ReportFormTest::oversizedFiles()
 {
-    QFETCH(QString, files);
-    QFETCH(int, removed);
+    const QString files = QString::fromLatin1(QTest::currentDataTag());
     QStringList paths;
-    for (const QChar name : std::as_const(files))
-        paths << (name == QLatin1Char('x') ? m_folder->filePath(name)
-                                           : file(name, name.isUpper() ? limit + 1 : limit));
-    QCOMPARE(removeOversizedFiles(paths), removed);
+    for (const QChar name : files)
+        paths << (name == u'x' ? m_folder->filePath(name)
+                               : file(name, name.isUpper() ? limit + 1 : limit));
+    const int removed = removeOversizedFiles(paths);
     QString left;
     for (const QString& path : std::as_const(paths))
         left += path.back();
     QTEST(left, "left");
+    QCOMPARE(removed, files.size() - left.size());
 }
 
 void ReportFormTest::attaching()
 {
-    auto* status = child<QLabel>("reportStatusLabel");
+    const auto* status = child<QLabel>("reportStatusLabel");
+    const int height = m_dialog->height();
+    const auto verifyStatus = [&](const char* text) {
+        QCOMPARE(status->isVisible() ? status->text() : QString(), QString::fromUtf8(text));
+        // The dialog makes room at once and stays fixed.
+        QCOMPARE(m_dialog->height() > height, *text != '\0');
+        QCOMPARE(m_dialog->minimumSize(), m_dialog->maximumSize());
+    };
     const QString small = file(QStringLiteral("small"), 1);
     QStringList six;
     for (int i = 0; i < 6; ++i)
         six << file(QString::number(i), 1);
     choose(six);
-    QCOMPARE(status->text(), QStringLiteral("Возможно прикрепить не более 5 файлов."));
-    QVERIFY(status->isVisible());
+    verifyStatus("Возможно прикрепить не более 5 файлов.");
     choose({});
-    QVERIFY(status->isHidden()); // nothing is attached
-
+    verifyStatus(""); // nothing is attached
     choose({small, file(QStringLiteral("other"), limit)});
-    QCOMPARE(status->text(), QStringLiteral("Было прикреплено 2 файла (-ов)."));
+    verifyStatus("Было прикреплено 2 файла (-ов).");
     choose({file(QStringLiteral("large"), limit + 1), small});
-    QCOMPARE(status->text(),
-             QStringLiteral("Максимальный размер файла 10 МБ. 1 файлов было откреплено."));
+    verifyStatus("Максимальный размер файла 10 МБ. 1 файлов было откреплено.");
+    choose({});
+    verifyStatus("Максимальный размер файла 10 МБ. 1 файлов было откреплено.");
 }
 
 void ReportFormTest::sending()
@@ -182,36 +172,32 @@ void ReportFormTest::sending()
     QSignalSpy warned(m_dialog.get(), &MenuDialog::warningWindowRequested);
     auto* subject = child<QTextEdit>("reportHeaderTextEdit");
     auto* body = child<QTextEdit>("reportBodyTextEdit");
-    auto* send = child<QPushButton>("sendReportButton");
-    auto* status = child<QLabel>("reportStatusLabel");
-
-    send->click();
-    QCOMPARE(warned.takeFirst().first().toString(),
-             QStringLiteral("Заголовок ошибки не может быть пустым!"));
+    const auto send = [&] {
+        child<QPushButton>("sendReportButton")->click();
+        return warned.takeFirst().first().toString();
+    };
+    QCOMPARE(send(), QStringLiteral("Заголовок ошибки не может быть пустым!"));
 
     subject->setPlainText(text(10));
     body->setPlainText(text(50));
     const QString attached = file(QStringLiteral("attached"), 1);
     choose({attached});
-    send->click(); // nobody listens
-    QCOMPARE(warned.takeFirst().first().toString(),
-             QStringLiteral("Не удалось отправить сообщение об ошибке. Проверьте подключение к "
-                            "интернету или повторите попытку позже."));
-    QCOMPARE(subject->toPlainText(), text(10));
-    QVERIFY(status->isVisible());
-
     QVERIFY(QFile::remove(attached)); // after it was chosen: the report goes without it
+    // Nobody listens.
+    QCOMPARE(send(), QStringLiteral("Не удалось отправить сообщение об ошибке. Проверьте "
+                                    "подключение к интернету или повторите попытку позже."));
+    QCOMPARE(subject->toPlainText(), text(10));
+    QVERIFY(child<QLabel>("reportStatusLabel")->isVisible());
+
     QTcpServer server;
     QVERIFY(server.listen(QHostAddress::LocalHost, 52800));
-    send->click();
-    QCOMPARE(warned.takeFirst().first().toString(),
-             QStringLiteral("Ваше сообщение было успешно отправлено команде разработчиков. Мы "
-                            "постараемся решить проблему как можно скорее."));
+    QCOMPARE(send(), QStringLiteral("Ваше сообщение было успешно отправлено команде разработчиков. "
+                                    "Мы постараемся решить проблему как можно скорее."));
     QCOMPARE(subject->toPlainText(), QString());
     QCOMPARE(body->toPlainText(), QString());
-    QVERIFY(status->isHidden());
+    QVERIFY(child<QLabel>("reportStatusLabel")->isHidden());
     choose({});
-    QVERIFY(status->isHidden()); // the attachments are gone, too
+    QVERIFY(child<QLabel>("reportStatusLabel")->isHidden()); // the attachments are gone, too
 }
 
 QTEST_MAIN(ReportFormTest)
