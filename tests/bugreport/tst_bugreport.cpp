@@ -1,6 +1,5 @@
 #include "bugreport/bugreport.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QSignalSpy>
@@ -46,8 +45,8 @@ class BugReportTest final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void init();
-    void cleanup() { QDir::setCurrent(QCoreApplication::applicationDirPath()); }
+    void initTestCase() { QVERIFY(QDir::setCurrent(m_folder.path())); }
+    void cleanupTestCase() { QDir::setCurrent(QDir::rootPath()); }
     void message_data();
     void message();
     void noListener();
@@ -58,19 +57,12 @@ private:
     /// Everything that the only connection to `server` brings.
     static QByteArray receive(QTcpServer& server);
 
-    std::unique_ptr<QTemporaryDir> m_folder;
+    const QTemporaryDir m_folder;
 };
-
-void BugReportTest::init()
-{
-    m_folder = std::make_unique<QTemporaryDir>();
-    QVERIFY(m_folder->isValid());
-    QVERIFY(QDir::setCurrent(m_folder->path()));
-}
 
 QString BugReportTest::file(const QString& name, const QByteArray& contents) const
 {
-    QFile created(m_folder->filePath(name));
+    QFile created(m_folder.filePath(name));
     if (!created.open(QIODevice::WriteOnly) || created.write(contents) != contents.size())
         qFatal("No test file could be written");
     return created.fileName();
@@ -89,38 +81,32 @@ QByteArray BugReportTest::receive(QTcpServer& server)
 
 void BugReportTest::message_data()
 {
-    QTest::addColumn<QStringList>("files"); // "name=contents"; without "=" the file is not there
-    QTest::addColumn<QByteArray>("countByte");
+    QTest::addColumn<QString>("files"); // "name=contents"; without "=" the file is not there
     QTest::addColumn<QByteArray>("attachments");
 
-    const auto row = [](const char* name, const QStringList& files, const QByteArray& attachments) {
-        const QByteArray count(1, static_cast<char>(files.filter(QStringLiteral("=")).size()));
-        QTest::newRow(name) << files << count << attachments;
+    const auto row = [](const char* name, const char* files, const QByteArray& attachments) {
+        QTest::newRow(name) << QString::fromUtf8(files) << attachments;
     };
-    const QString missing = QStringLiteral("missing");
-    row("no attachments", {}, {});
-    row("no slash in the path", {QStringLiteral("bare=12")},
-        QByteArray("\0\0\0\4bare\0\0\0\00212", 14));
+    row("no attachments", "", {});
+    row("no slash in the path", "bare=12", QByteArray("\0\0\0\4bare\0\0\0\00212", 14));
     // An empty file reads as a null array.
-    row("in their order, one empty, one in Cyrillic",
-        {QStringLiteral("z=1"), QStringLiteral("ёж.txt=")},
+    row("in their order, one empty, one in Cyrillic", "z=1 ёж.txt=",
         field("z") + field("1") + field("\xd1\x91\xd0\xb6.txt") + "\xff\xff\xff\xff");
-    row("one of two cannot be opened", {missing, QStringLiteral("b=2")}, field("b") + field("2"));
-    row("none can be opened, one is a folder", {missing, QStringLiteral(".")}, {});
+    row("one of two cannot be opened", "missing b=2", field("b") + field("2"));
+    row("none can be opened, one is a folder", "missing .", {});
 }
 
 void BugReportTest::message()
 {
-    QFETCH(QStringList, files);
-    QFETCH(QByteArray, countByte);
+    QFETCH(QString, files);
     QFETCH(QByteArray, attachments);
 
     BugReport report{QStringLiteral("Тема"), QStringLiteral("It fails."), {}};
-    for (const QString& entry : std::as_const(files)) {
+    for (const QString& entry : files.split(u' ', Qt::SkipEmptyParts)) {
         const qsizetype separator = entry.indexOf(QLatin1Char('='));
         if (separator < 0) {
             QTest::ignoreMessage(QtDebugMsg, "Can't open attached file!");
-            report.attachedFiles << m_folder->filePath(entry);
+            report.attachedFiles << m_folder.filePath(entry);
         } else {
             const QString name = entry.left(separator);
             const QString path = file(name, entry.mid(separator + 1).toUtf8());
@@ -128,7 +114,7 @@ void BugReportTest::message()
             report.attachedFiles << (name == QLatin1String("bare") ? name : path);
         }
     }
-    const QByteArray tail = countByte +
+    const QByteArray tail = bigEndian(files.count(u'='), 1) +
                             QByteArray("\0\0\0\x08"                       // subject: 8 bytes
                                        "\xd0\xa2\xd0\xb5\xd0\xbc\xd0\xb0" // "Тема" in UTF-8
                                        "\0\0\0\x09"                       // body: 9 bytes

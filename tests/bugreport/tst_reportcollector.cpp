@@ -73,6 +73,8 @@ std::unique_ptr<QTcpSocket> ReportCollectorTest::connection() const
 void ReportCollectorTest::storesUnderSafeNames()
 {
     QSignalSpy stored(m_collector.get(), &CollectorServer::reportStored);
+    const auto slow = connection();
+    slow->write(message({{"a", "1"}}).chopped(1));
     const auto socket = connection();
     socket->write(message({{"../../x/Log.txt", "first"},
                            {"C:\\log.TXT", "second"},
@@ -93,6 +95,9 @@ void ReportCollectorTest::storesUnderSafeNames()
     QVERIFY(json.open(QIODevice::ReadOnly));
     const QJsonObject texts = QJsonDocument::fromJson(json.readAll()).object();
     QCOMPARE(texts.value(QLatin1String("body")).toString(), QStringLiteral("body"));
+
+    slow->write("1");
+    QTRY_COMPARE(stored.size(), 2);
 }
 
 void ReportCollectorTest::refused_data()
