@@ -1,13 +1,9 @@
 #include "app/paths.h"
-#include "tests/support/childprogram.h"
 
-#include <QCoreApplication>
 #include <QFile>
 #include <QLocale>
 #include <QTemporaryDir>
 #include <QTest>
-
-#include <iostream>
 
 class TestPaths : public QObject
 {
@@ -17,7 +13,6 @@ private Q_SLOTS:
     void sizesAsText();
     void directorySizes_data();
     void directorySizes();
-    void applicationDirectoryComesBack();
 };
 
 void TestPaths::sizesAsText()
@@ -70,35 +65,5 @@ void TestPaths::directorySizes()
     QCOMPARE(directorySize(folder.filePath(QStringLiteral("missing"))), qint64{-1});
 }
 
-void TestPaths::applicationDirectoryComesBack()
-{
-    QCOMPARE(applicationDirectory().absolutePath(), QCoreApplication::applicationDirPath());
-
-    const ChildProgram child;
-    QCOMPARE(child.run(QStringLiteral("removeFolder")), child.folder().path().toLocal8Bit());
-    QVERIFY(child.folder().exists());
-    QVERIFY(!hasEntries(child.folder()));
-}
-
-/// The folder goes away under the running program.
-static int removeFolder(int& argc, char** argv)
-{
-    const QCoreApplication application(argc, argv);
-    applicationDirectory().removeRecursively();
-    std::cout << applicationDirectory().absolutePath().toStdString();
-    return 0;
-}
-
-static int runTest(int argc, char** argv)
-{
-    QCoreApplication application(argc, argv);
-    TestPaths test;
-    return QTest::qExec(&test, argc, argv);
-}
-
-int main(int argc, char** argv)
-{
-    return runScenarioOr(runTest, {{"removeFolder", removeFolder}}, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(TestPaths)
 #include "tst_paths.moc"

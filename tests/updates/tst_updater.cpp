@@ -1,5 +1,3 @@
-#include "app/logging.h"
-#include "tests/support/childprogram.h"
 #include "tests/support/scriptedvl.h"
 #include "updates/updater.h"
 
@@ -7,8 +5,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <cstdlib>
-#include <iostream>
 #include <sstream>
 
 class TestUpdater : public QObject
@@ -20,7 +16,6 @@ private Q_SLOTS:
     void latest_data();
     void latest();
     void resultNames();
-    void releasedAtExit();
 };
 
 void TestUpdater::oneObject()
@@ -84,35 +79,5 @@ void TestUpdater::resultNames()
     QCOMPARE(stream.str(), std::string("OK UPDATER_DATA_ERROR 12"));
 }
 
-void TestUpdater::releasedAtExit()
-{
-    QCOMPARE(ChildProgram().run(QStringLiteral("exit")), QByteArray("destroyed, no log buffer"));
-}
-
-/// Ends while the library still knows the log buffer of a window that is gone.
-static int endProcess(int& argc, char** argv)
-{
-    const QCoreApplication application(argc, argv);
-    // Registered first, so run after the library object is destroyed.
-    std::atexit([] {
-        for (const std::string& buffer : scripted::callsOf("destructor"))
-            std::cout << "destroyed, " << (buffer.empty() ? "no log buffer" : buffer) << std::flush;
-    });
-    windowbuf buffer;
-    updaterInstance()->setLogBuf(&buffer);
-    return 0;
-}
-
-static int runTest(int argc, char** argv)
-{
-    QCoreApplication application(argc, argv);
-    TestUpdater test;
-    return QTest::qExec(&test, argc, argv);
-}
-
-int main(int argc, char** argv)
-{
-    return runScenarioOr(runTest, {{"exit", endProcess}}, argc, argv);
-}
-
+QTEST_GUILESS_MAIN(TestUpdater)
 #include "tst_updater.moc"
