@@ -44,10 +44,8 @@ private Q_SLOTS:
     void frame();
     void refresh_data();
     void refresh();
-    void check_data();
-    void check();
-    void removal_data();
-    void removal();
+    void actions_data();
+    void actions();
     void specialVersions();
 
 private:
@@ -75,12 +73,13 @@ private:
 
 namespace {
 
+const QString installed = QStringLiteral("1.5 КБ, ~, enabled");
 const QString notInstalled = QStringLiteral("0 байт, Не установлено, disabled");
 
-/// The situation that a row is named after.
-bool isRow(const char* name)
+/// Whether this is the situation that the row is named after.
+bool isRow(const char* situation)
 {
-    return qstrcmp(QTest::currentDataTag(), name) == 0;
+    return QByteArray(QTest::currentDataTag()).endsWith(situation);
 }
 
 } // namespace
@@ -135,16 +134,15 @@ void SettingsPageTest::refresh_data()
 {
     QTest::addColumn<QString>("first");
     QTest::addColumn<QString>("second"); // after another refresh
-    const QString shown = QStringLiteral("1.5 КБ, ~, enabled");
     const auto row = [](const char* name, const QString& first, const QString& second = {}) {
         QTest::newRow(name) << first << (second.isNull() ? first : second);
     };
     row("nothing installed", notInstalled);
     row("folder gone", notInstalled);
     row("folder empty", notInstalled);
-    row("installed", shown);
+    row("installed", installed);
     row("running", QStringLiteral("1.5 КБ, ~, disabled"));
-    row("busy", QStringLiteral("4.5 ГБ, C:/Varnel/simulator, enabled"), shown);
+    row("busy", QStringLiteral("4.5 ГБ, C:/Varnel/simulator, enabled"), installed);
     row("no size", notInstalled, QStringLiteral("0 байт, ~, enabled"));
 }
 
@@ -170,83 +168,49 @@ void SettingsPageTest::refresh()
     QVERIFY(child<QLabel>("settingsStatusLabel")->isHidden());
 }
 
-void SettingsPageTest::check_data()
-{
-    QTest::addColumn<int>("result"); // of the library, -1 when it is not asked
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QByteArray>("logLine");
-    const auto row = [](const char* name, int result, const char* text, const char* logLine) {
-        QTest::newRow(name) << result << QString::fromUtf8(text) << QByteArray(logLine);
-    };
-    row("nothing installed", -1, "", "");
-    row("busy", -1, "", "");
-    row("busy after the lookup", -1, "Внутренняя ошибка.", "");
-    row("whole", 0, "Ошибки не найдены.", "");
-    row("broken", 12, "Файлы повреждены. Возможно, требуется переустановка.",
-        "[checkFiles] Installed app files is broken. Please reinstall or fix.");
-    row("below", 1, "Неизвестная ошибка.", "[checkFiles] Cause an internal libupd error");
-    row("above", 13, "Неизвестная ошибка.", "[checkFiles] Cause an internal libupd error");
-}
-
-void SettingsPageTest::check()
-{
-    QFETCH(int, result);
-    QFETCH(QString, text);
-    QFETCH(QByteArray, logLine);
-    m_dialog->switchToPage(0);
-    const int height = m_dialog->height();
-    if (isRow("nothing installed"))
-        m_script.installed.clear();
-    m_script.checkResult = static_cast<vlupd::UPD_RESULT>(result);
-    scripted::setScript(m_script);
-    if (isRow("busy"))
-        updaterAccess.acquire(3);
-    if (isRow("busy after the lookup"))
-        afterLookup = [] { updaterAccess.acquire(3); };
-    if (!logLine.isEmpty())
-        QTest::ignoreMessage(QtDebugMsg, logLine.constData());
-    child<QPushButton>("checkFilesButton")->click();
-    updaterAccess.release(3 - updaterAccess.available());
-
-    QCOMPARE(scripted::callsOf("checkFiles"),
-             std::vector<std::string>(result < 0 ? 0 : 1, "1.2.0"));
-    const auto* status = child<QLabel>("settingsStatusLabel");
-    QCOMPARE(status->isVisible(), !text.isEmpty());
-    if (text.isEmpty())
-        return;
-    QCOMPARE(status->text(), text);
-    // The dialog makes room at once and stays fixed.
-    QVERIFY(m_dialog->height() >= height + status->sizeHint().height());
-    QCOMPARE(m_dialog->minimumSize(), m_dialog->maximumSize());
-}
-
-void SettingsPageTest::removal_data()
+void SettingsPageTest::actions_data()
 {
     QTest::addColumn<int>("permitsInUse");
     QTest::addColumn<int>("result"); // of the library, -1 when it is not asked
     QTest::addColumn<QByteArray>("logLine");
-    const auto row = [](const char* name, int permitsInUse, int result, const char* logLine) {
-        QTest::newRow(name) << permitsInUse << result << QByteArray(logLine);
+    QTest::addColumn<QString>("shown"); // the status text, the page where there is none
+    const auto row = [](const char* name, int permitsInUse, int result, const char* logLine,
+                        const QString& shown = installed) {
+        QTest::newRow(name) << permitsInUse << result << QByteArray(logLine) << shown;
     };
     const char* const refused =
         "The app is not installed or some operation is in progress, please wait\n";
-    row("declined", 0, -1, "");
-    row("nothing installed", 0, -1, refused);
-    row("no permit for the lookup", 2, -1, refused);
-    row("no permit", 3, -1, "");
-    row("failed", 0, 1, "\"Causing an error while removing the current 1.2.0 version.\\n\"");
-    row("done", 0, 0, "");
+    const char* const failed = "[checkFiles] Cause an internal libupd error";
+    const QString unknown = QStringLiteral("Неизвестная ошибка.");
+    row("check, nothing installed", 0, -1, "");
+    row("check, no permit", 3, -1, "");
+    row("check, no permit after the lookup", 0, -1, "", QStringLiteral("Внутренняя ошибка."));
+    row("check, whole", 0, 0, "", QStringLiteral("Ошибки не найдены."));
+    row("check, broken", 0, 12,
+        "[checkFiles] Installed app files is broken. Please reinstall or fix.",
+        QStringLiteral("Файлы повреждены. Возможно, требуется переустановка."));
+    row("check, below", 0, 1, failed, unknown);
+    row("check, above", 0, 13, failed, unknown);
+    row("removal, declined", 0, -1, "");
+    row("removal, nothing installed", 0, -1, refused);
+    row("removal, no permit for the lookup", 2, -1, refused);
+    row("removal, no permit", 3, -1, "");
+    row("removal, failed", 0, 1,
+        "\"Causing an error while removing the current 1.2.0 version.\\n\"");
+    row("removal, done", 0, 0, "", notInstalled);
 }
 
-void SettingsPageTest::removal()
+void SettingsPageTest::actions()
 {
     QFETCH(int, permitsInUse);
     QFETCH(int, result);
     QFETCH(QByteArray, logLine);
+    const bool removes = QByteArray(QTest::currentDataTag()).startsWith("removal");
     m_dialog->switchToPage(0);
+    const int height = m_dialog->height();
     if (isRow("nothing installed"))
         m_script.installed.clear();
-    m_script.removeResult = static_cast<vlupd::UPD_RESULT>(qMax(result, 0));
+    m_script.checkResult = m_script.removeResult = static_cast<vlupd::UPD_RESULT>(qMax(result, 0));
     scripted::setScript(m_script);
     QSignalSpy removed(m_dialog.get(), &MenuDialog::onRemovingSimulatorSucceed);
     QSignalSpy warned(m_dialog.get(), &MenuDialog::warningWindowRequested);
@@ -256,22 +220,29 @@ void SettingsPageTest::removal()
     if (!logLine.isEmpty())
         QTest::ignoreMessage(QtDebugMsg, logLine.constData());
     updaterAccess.acquire(permitsInUse);
+    if (isRow("after the lookup"))
+        afterLookup = [] { updaterAccess.acquire(3); };
     std::ostringstream standardError;
     std::streambuf* const previous = std::cerr.rdbuf(standardError.rdbuf());
-    child<QPushButton>("deleteSimulatorButton")->click();
+    child<QPushButton>(removes ? "deleteSimulatorButton" : "checkFilesButton")->click();
     std::cerr.rdbuf(previous);
-    updaterAccess.release(permitsInUse);
+    updaterAccess.release(3 - updaterAccess.available());
 
-    QCOMPARE(answerer.texts(),
-             QStringList{QStringLiteral("Вы уверены, что хотите удалить текущую версию?")});
-    QCOMPARE(standardError.str(), std::string(result > 0 ? "Exit code: SYSTEM_CALL_ERROR" : ""));
-    QCOMPARE(scripted::callsOf("removeVersion"),
+    const auto* status = child<QLabel>("settingsStatusLabel");
+    QTEST(status->isVisible() ? status->text() : page(), "shown");
+    // The dialog makes room for the status at once and stays fixed.
+    QVERIFY(status->isHidden() || m_dialog->height() >= height + status->sizeHint().height());
+    QCOMPARE(m_dialog->minimumSize(), m_dialog->maximumSize());
+    const QString question = QStringLiteral("Вы уверены, что хотите удалить текущую версию?");
+    QCOMPARE(answerer.texts(), QStringList(removes ? 1 : 0, question));
+    QCOMPARE(scripted::callsOf(removes ? "removeVersion" : "checkFiles"),
              std::vector<std::string>(result < 0 ? 0 : 1, "1.2.0"));
+    QCOMPARE(standardError.str(),
+             std::string(isRow("failed") ? "Exit code: SYSTEM_CALL_ERROR" : ""));
     QCOMPARE(warned.size(), 0);
-    QCOMPARE(removed.size(), result == 0 ? 1 : 0);
+    QCOMPARE(removed.size(), isRow("done") ? 1 : 0);
     QCOMPARE(stored(QStringLiteral("FILESYSTEM/installationSize")),
-             result == 0 ? QStringLiteral("0") : QStringLiteral("1536"));
-    QCOMPARE(page(), result == 0 ? notInstalled : QStringLiteral("1.5 КБ, ~, enabled"));
+             isRow("done") ? QStringLiteral("0") : QStringLiteral("1536"));
 }
 
 void SettingsPageTest::specialVersions()
