@@ -62,13 +62,12 @@ void TestUpdater::latest()
     if (found)
         QCOMPARE(found->second.absolutePath(), folders.filePath(u"папка " + latest));
     // An installation and an operation of the window leave a permit for the lookup, no more.
-    UpdaterPermit installation;
-    const UpdaterPermit operation;
+    const UpdaterPermit installation, operation;
     QCOMPARE(latestInstalledVersion().has_value(), found.has_value());
-    const UpdaterPermit third;
+    UpdaterPermit third;
     QVERIFY(third && !isUpdaterIdle() && !UpdaterPermit() && !latestInstalledVersion());
-    installation.release();
-    installation.release();
+    third.release();
+    third.release();
     QCOMPARE(updaterAccess.available(), 1);
 }
 

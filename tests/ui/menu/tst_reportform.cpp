@@ -1,5 +1,4 @@
 #include "tests/support/modalanswerer.h"
-#include "tests/support/scriptedvl.h"
 #include "ui/menu/menudialog.h"
 #include "ui/menu/reportrules.h"
 
@@ -23,7 +22,7 @@ class ReportFormTest final : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void initTestCase();
+    void initTestCase() { QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs); }
     void init();
 
     void limits();
@@ -41,7 +40,7 @@ private:
         return m_dialog->findChild<T*>(QLatin1String(name));
     }
 
-    std::unique_ptr<QTemporaryDir> m_folder;
+    const QTemporaryDir m_folder;
     std::unique_ptr<MenuDialog> m_dialog;
 };
 
@@ -56,14 +55,8 @@ QString text(int length)
 
 } // namespace
 
-void ReportFormTest::initTestCase()
-{
-    QCoreApplication::setAttribute(Qt::AA_DontUseNativeDialogs);
-}
-
 void ReportFormTest::init()
 {
-    m_folder = std::make_unique<QTemporaryDir>();
     m_dialog = std::make_unique<MenuDialog>();
     m_dialog->show();
     QVERIFY(m_dialog->switchToPage(1));
@@ -71,7 +64,7 @@ void ReportFormTest::init()
 
 QString ReportFormTest::file(const QString& name, qint64 size) const
 {
-    QFile created(m_folder->filePath(name));
+    QFile created(m_folder.filePath(name));
     if (!created.open(QIODevice::WriteOnly) || !created.resize(size))
         qFatal("No test file could be made");
     return created.fileName();
@@ -93,21 +86,19 @@ void ReportFormTest::choose(const QStringList& files)
 
 void ReportFormTest::limits()
 {
-    const QString noSubject = QStringLiteral("Заголовок ошибки не может быть пустым!");
     const QString subjectLength = QStringLiteral(
         "Длина заголовка не может быть меньше 10 символов и не может превышать 100 символов!");
-    const QString noBody =
-        QStringLiteral("Описание ошибки не может быть пустым! Постарайтесь описать её настолько "
-                       "подробно, насколько возможно.");
     const QString bodyLength = QStringLiteral("Описание не может быть меньше, чем 50 символов, а "
                                               "также не должно превышать 1000 символов!");
     const auto refusal = [](int subject, int body) {
         return reportRefusal(text(subject), text(body)).value_or(QString());
     };
-    QCOMPARE(refusal(0, 0), noSubject);
+    QCOMPARE(refusal(0, 0), QStringLiteral("Заголовок ошибки не может быть пустым!"));
     QCOMPARE(refusal(9, 0), subjectLength);
     QCOMPARE(refusal(101, 50), subjectLength);
-    QCOMPARE(refusal(10, 0), noBody);
+    QCOMPARE(refusal(10, 0),
+             QStringLiteral("Описание ошибки не может быть пустым! Постарайтесь описать её "
+                            "настолько подробно, насколько возможно."));
     QCOMPARE(refusal(10, 49), bodyLength);
     QCOMPARE(refusal(100, 1001), bodyLength);
     QCOMPARE(refusal(10, 50), QString());
@@ -131,7 +122,7 @@ void ReportFormTest::oversizedFiles()
     const QString files = QString::fromLatin1(QTest::currentDataTag());
     QStringList paths;
     for (const QChar name : files)
-        paths << (name == u'x' ? m_folder->filePath(name)
+        paths << (name == u'x' ? m_folder.filePath(name)
                                : file(name, name.isUpper() ? limit + 1 : limit));
     const int removed = removeOversizedFiles(paths);
     QString left;
