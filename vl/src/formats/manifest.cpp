@@ -78,6 +78,17 @@ Expected<void> checkPlaces(const Manifest& manifest, std::uint64_t rawSize)
     return {};
 }
 
+Expected<void> checkDeltas(const Manifest& manifest)
+{
+    for (const DeltaReference& delta : manifest.deltas) {
+        if (const std::string wrong = versionKeyFault(delta.from); !wrong.empty())
+            return fault("the delta's version \"" + delta.from + "\" " + wrong);
+        if (delta.size == 0 || delta.indexSize == 0 || delta.indexSize > maxManifestSize)
+            return fault("the delta from " + delta.from + " is empty or its index too large");
+    }
+    return {};
+}
+
 Expected<void> checkPaths(const Manifest& manifest)
 {
     std::vector<std::string_view> paths;
@@ -135,6 +146,8 @@ Expected<Manifest> readManifest(std::string_view text, std::string_view expected
         return failure(context, std::move(checked.error()));
     if (auto checked = checkPlaces(*manifest, *rawSize); !checked)
         return failure(context, std::move(checked.error()));
+    if (auto checked = checkDeltas(*manifest); !checked)
+        return failure(context, std::move(checked.error()));
     const auto unlisted = std::find_if(
         manifest->executables.begin(), manifest->executables.end(),
         [&manifest](const auto& item) { return manifest->find(item.second) == nullptr; });
@@ -162,6 +175,12 @@ std::string writeManifest(const Manifest& manifest)
                             {"rawSize", frame.rawSize},
                             {"hash", toHex(frame.hash)}};
     });
+    const std::string deltas = lines(manifest.deltas, [](const DeltaReference& delta) {
+        return ordered_json{
+            {"from", delta.from},           {"fromManifest", toHex(delta.fromManifest)},
+            {"size", delta.size},           {"hash", toHex(delta.hash)},
+            {"indexSize", delta.indexSize}, {"indexHash", toHex(delta.indexHash)}};
+    });
     const std::string files = lines(manifest.files, [](const ManifestFile& file) {
         return ordered_json{{"path", file.path},
                             {"size", file.size},
@@ -173,7 +192,9 @@ std::string writeManifest(const Manifest& manifest)
            ",\n\"version\":" + ordered_json(manifest.version).dump() +
            ",\n\"executables\":" + ordered_json(manifest.executables).dump() +
            ",\n\"pack\":{\"size\":" + std::to_string(manifest.pack.size) + ",\"hash\":\"" +
-           toHex(manifest.pack.hash) + "\",\"frames\":" + frames + "},\n\"files\":" + files + "}\n";
+           toHex(manifest.pack.hash) + "\",\"frames\":" + frames + "}," +
+           (manifest.deltas.empty() ? "" : "\n\"deltas\":" + deltas + ",") +
+           "\n\"files\":" + files + "}\n";
 }
 
 std::string manifestPath(const Hash& manifestHash)

@@ -48,12 +48,24 @@ struct ManifestFile
     std::uint64_t rawOffset = 0;
 };
 
+/// A delta pack that makes this version out of an older one (delta.h).
+struct DeltaReference
+{
+    std::string from;            ///< key of the older version
+    Hash fromManifest{};         ///< which files that key stood for
+    std::uint64_t size = 0;      ///< bytes of the delta pack
+    Hash hash{};                 ///< of the delta pack; names it
+    std::uint64_t indexSize = 0; ///< bytes of its compressed index
+    Hash indexHash{};            ///< of the compressed index; names it
+};
+
 /// Everything about one version that is needed to fetch, install, start and check it.
 struct Manifest
 {
     std::string version;
     std::map<std::string, std::string> executables; ///< key -> path of a listed file
     Pack pack;
+    std::vector<DeltaReference> deltas;
     std::vector<ManifestFile> files; ///< sorted by path, byte order
 
     /// Bytes of all files.

@@ -29,6 +29,14 @@ enum class Field {
     FrameSize,
     FrameRawSize,
     FrameHash,
+    Deltas,
+    Delta,
+    DeltaFrom,
+    DeltaFromManifest,
+    DeltaSize,
+    DeltaHash,
+    DeltaIndexSize,
+    DeltaIndexHash,
     Files,
     File,
     FilePath,
@@ -47,13 +55,15 @@ struct Rule
     std::string_view name; ///< empty: every element or member of the parent
     Field field;
     Type type;
+    bool optional = false;
 };
 
-constexpr std::array<Rule, 20> rules{{
+constexpr std::array<Rule, 28> rules{{
     {Field::Document, "format", Field::Format, Type::Number},
     {Field::Document, "version", Field::Version, Type::Text},
     {Field::Document, "executables", Field::Executables, Type::Object},
     {Field::Document, "pack", Field::Pack, Type::Object},
+    {Field::Document, "deltas", Field::Deltas, Type::Array, true},
     {Field::Document, "files", Field::Files, Type::Array},
     {Field::Executables, "", Field::Executable, Type::Text},
     {Field::Pack, "size", Field::PackSize, Type::Number},
@@ -64,6 +74,13 @@ constexpr std::array<Rule, 20> rules{{
     {Field::Frame, "size", Field::FrameSize, Type::Number},
     {Field::Frame, "rawSize", Field::FrameRawSize, Type::Number},
     {Field::Frame, "hash", Field::FrameHash, Type::Text},
+    {Field::Deltas, "", Field::Delta, Type::Object},
+    {Field::Delta, "from", Field::DeltaFrom, Type::Text},
+    {Field::Delta, "fromManifest", Field::DeltaFromManifest, Type::Text},
+    {Field::Delta, "size", Field::DeltaSize, Type::Number},
+    {Field::Delta, "hash", Field::DeltaHash, Type::Text},
+    {Field::Delta, "indexSize", Field::DeltaIndexSize, Type::Number},
+    {Field::Delta, "indexHash", Field::DeltaIndexHash, Type::Text},
     {Field::Files, "", Field::File, Type::Object},
     {Field::File, "path", Field::FilePath, Type::Text},
     {Field::File, "size", Field::FileSize, Type::Number},
@@ -93,7 +110,8 @@ std::uint32_t bitOf(const Rule* rule)
 const Rule* missingMember(Field parent, std::uint32_t seen)
 {
     for (const Rule& rule : rules) {
-        if (rule.parent == parent && !rule.name.empty() && (seen & bitOf(&rule)) == 0)
+        if (rule.parent == parent && !rule.name.empty() && !rule.optional &&
+            (seen & bitOf(&rule)) == 0)
             return &rule;
     }
     return nullptr;
@@ -199,6 +217,8 @@ private:
         const Field field = m_next != nullptr ? m_next->field : Field::Unknown;
         if (field == Field::Frame)
             m_manifest.pack.frames.emplace_back();
+        if (field == Field::Delta)
+            m_manifest.deltas.emplace_back();
         if (field == Field::File)
             m_manifest.files.emplace_back();
         m_scopes.push_back(Scope{.field = field, .seen = 0, .otherNames = {}});
@@ -217,7 +237,9 @@ private:
     void expectElement()
     {
         const Field field = m_scopes.empty() ? Field::Unknown : m_scopes.back().field;
-        m_next = field == Field::Frames || field == Field::Files ? findRule(field, {}) : nullptr;
+        const bool isList =
+            field == Field::Frames || field == Field::Deltas || field == Field::Files;
+        m_next = isList ? findRule(field, {}) : nullptr;
     }
 
     bool storeNumber(std::uint64_t value)
@@ -240,6 +262,12 @@ private:
             return true;
         case Field::FrameRawSize:
             m_manifest.pack.frames.back().rawSize = value;
+            return true;
+        case Field::DeltaSize:
+            m_manifest.deltas.back().size = value;
+            return true;
+        case Field::DeltaIndexSize:
+            m_manifest.deltas.back().indexSize = value;
             return true;
         case Field::FileSize:
             m_manifest.files.back().size = value;
@@ -274,6 +302,15 @@ private:
             return storeHash(value, m_manifest.pack.hash);
         case Field::FrameHash:
             return storeHash(value, m_manifest.pack.frames.back().hash);
+        case Field::DeltaFrom:
+            m_manifest.deltas.back().from = std::move(value);
+            return true;
+        case Field::DeltaFromManifest:
+            return storeHash(value, m_manifest.deltas.back().fromManifest);
+        case Field::DeltaHash:
+            return storeHash(value, m_manifest.deltas.back().hash);
+        case Field::DeltaIndexHash:
+            return storeHash(value, m_manifest.deltas.back().indexHash);
         case Field::FileHash:
             return storeHash(value, m_manifest.files.back().hash);
         case Field::FilePath:
