@@ -1,6 +1,6 @@
 #include "vl/src/install/filecheck.h"
 
-#include "vl/src/install/workers.h"
+#include "vl/src/operation/workers.h"
 #include "vl/src/platform/file.h"
 
 #include <algorithm>

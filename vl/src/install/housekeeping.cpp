@@ -87,9 +87,14 @@ void clearManifests(const RootLayout& layout, const std::set<std::filesystem::pa
 }
 
 // What the journal tells of has ended well.
-void forgetDownload(const RootLayout& layout, const Journal& journal, Operation& operation)
+void forgetDownloads(const RootLayout& layout, const Journal& journal, Operation& operation)
 {
-    if (logged(removeFile(layout.partFile(journal.pack)), operation))
+    const auto entries = listDirectory(layout.downloads());
+    bool all = logged(entries ? Expected<void>() : tl::unexpected(entries.error()), operation);
+    for (const TreeEntry& entry : entries.value_or(std::vector<TreeEntry>()))
+        if (entry.info.kind == FileKind::File && journal.needs(entry.path))
+            all = logged(removeFile(layout.downloads() / fromUtf8(entry.path)), operation) && all;
+    if (all)
         logged(removeFile(layout.journalFile()), operation);
 }
 
@@ -139,7 +144,7 @@ void tidyUp(const RootLayout& layout, const State& state, Operation& operation)
     }
     if (const auto journal = readJournal(layout)) {
         if (state.installed && state.installed->id == journal->tree.id)
-            forgetDownload(layout, *journal, operation);
+            forgetDownloads(layout, *journal, operation);
         else
             keptManifests.insert(savedManifestPath(layout.root(), journal->tree.manifest));
     }
@@ -154,24 +159,24 @@ bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operati
     if (!entries)
         return logged(tl::unexpected(entries.error()), operation);
     const auto journal = readJournal(layout);
-    const auto needed = journal ? layout.partFile(journal->pack) : std::filesystem::path();
     bool all = true;
     for (const TreeEntry& entry : *entries) {
         const auto path = layout.downloads() / fromUtf8(entry.path);
-        const auto life = path == needed ? std::max<std::chrono::minutes>(age, journalLife) : age;
+        const auto life = journal && journal->needs(entry.path)
+                              ? std::max<std::chrono::minutes>(age, journalLife)
+                              : age;
         if (entry.info.kind == FileKind::File && isOlder(entry.info, life))
             all = logged(removeFile(path), operation) && all;
     }
     return all;
 }
 
-void removeOtherDownloads(const RootLayout& layout, const std::filesystem::path& kept,
-                          Operation& operation)
+void removeOtherDownloads(const RootLayout& layout, const Journal& kept, Operation& operation)
 {
     const auto entries = listDirectory(layout.downloads());
     for (const TreeEntry& entry : entries.value_or(std::vector<TreeEntry>())) {
         const auto path = layout.downloads() / fromUtf8(entry.path);
-        if (entry.info.kind == FileKind::File && path != kept)
+        if (entry.info.kind == FileKind::File && !kept.needs(entry.path))
             logged(removeFile(path), operation);
     }
 }

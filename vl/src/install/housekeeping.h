@@ -19,13 +19,12 @@ Expected<State> takeOverState(const RootLayout& layout, Operation& operation);
 /// files. The caller holds the lock.
 void tidyUp(const RootLayout& layout, const State& state, Operation& operation);
 
-/// Removes download files older than `age` except the one that the journal names, which may be
-/// 14 days old. False when a file could not be removed. The caller holds the lock.
+/// Removes download files older than `age` except those that the journal names, which may be 14
+/// days old. False when a file could not be removed. The caller holds the lock.
 bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operation& operation);
 
-/// Removes every download file but `kept`, for the sake of space.
-void removeOtherDownloads(const RootLayout& layout, const std::filesystem::path& kept,
-                          Operation& operation);
+/// Removes every download file but those that `kept` needs, for the sake of space.
+void removeOtherDownloads(const RootLayout& layout, const Journal& kept, Operation& operation);
 
 /// Puts the folder of a version aside under its trash name; not an error when there is none.
 Expected<void> moveToTrash(const RootLayout& layout, const TreeId& id);

@@ -1,13 +1,14 @@
 #include "vl/src/install/installation.h"
 
 #include "vl/src/formats/config.h"
+#include "vl/src/install/assembly.h"
 #include "vl/src/install/filecheck.h"
-#include "vl/src/install/unpacker.h"
-#include "vl/src/install/workers.h"
+#include "vl/src/operation/workers.h"
 #include "vl/src/platform/file.h"
-#include "vl/src/transport/packdownload.h"
 
+#include <algorithm>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace vl {
@@ -29,6 +30,40 @@ void tidyUpInBackground(const RootLayout& layout, const State& state, Operation&
         operation.say(tidied.error().message);
 }
 
+/// Manifests of versions between the installed one and the new one: those that the catalogue still
+/// names.
+class CatalogueManifests final : public ManifestLookup
+{
+public:
+    CatalogueManifests(const RootLayout& layout, CatalogueService& catalogues,
+                       const Catalogue& catalogue, Source& source, Operation& operation)
+        : m_layout(layout), m_catalogues(catalogues), m_catalogue(catalogue), m_source(source),
+          m_operation(operation)
+    {
+    }
+
+    std::optional<std::uint64_t> cost(const std::string& version, const Hash& manifest) override
+    {
+        const auto listed = m_catalogue.manifests.find(version);
+        if (listed == m_catalogue.manifests.end() || listed->second.hash != manifest)
+            return std::nullopt;
+        const auto saved = fileInfo(savedManifestPath(m_layout.root(), manifest));
+        return saved && *saved ? 0 : listed->second.size;
+    }
+
+    Expected<Manifest> get(const std::string& version, const Hash& /*manifest*/) override
+    {
+        return m_catalogues.manifest(m_catalogue, version, m_source, m_operation);
+    }
+
+private:
+    const RootLayout& m_layout;
+    CatalogueService& m_catalogues;
+    const Catalogue& m_catalogue;
+    Source& m_source;
+    Operation& m_operation;
+};
+
 /// One installation on its way from the catalogue to the state file.
 class Installation final
 {
@@ -44,8 +79,9 @@ public:
 private:
     Expected<void> findOut(const std::string& version);
     Expected<bool> isInstalledWhole();
-    Expected<void> makeRoom();
+    std::optional<BaseVersion> findBase();
     Expected<void> fill();
+    Expected<void> makeRoom(const Assembly& assembly);
     Expected<void> flush();
     Expected<void> commit();
     void discardTree();
@@ -55,10 +91,12 @@ private:
     const SourceOptions& m_transport;
     Operation& m_operation;
     State m_state;
-    std::unique_ptr<Source> m_source;
-    Manifest m_manifest;
+    Config m_config;
+    std::shared_ptr<const Catalogue> m_catalogue;
+    std::unique_ptr<Source> m_source; ///< for documents
+    OpenSource m_openSource;          ///< for frames
+    std::shared_ptr<const Manifest> m_manifest;
     InstalledTree m_new;
-    std::filesystem::path m_partFile;
     std::filesystem::path m_tree;
 };
 
@@ -71,9 +109,7 @@ Expected<vlupd::UPD_RESULT> Installation::run(const std::string& version)
         return tl::unexpected(whole.error());
     if (*whole)
         return vlupd::FOUND_LOCALLY;
-    auto done = makeRoom();
-    if (done)
-        done = fill();
+    auto done = fill();
     if (done)
         done = flush();
     if (done)
@@ -89,31 +125,39 @@ Expected<vlupd::UPD_RESULT> Installation::run(const std::string& version)
 
 Expected<void> Installation::findOut(const std::string& version)
 {
-    const auto config = readConfig(m_layout.root());
+    auto config = readConfig(m_layout.root());
     if (!config)
-        return tl::unexpected(config.error());
-    const auto catalogue = m_catalogues.catalogue(true);
+        return tl::unexpected(std::move(config).error());
+    m_config = std::move(*config);
+    auto catalogue = m_catalogues.catalogue(true);
     if (!catalogue)
-        return tl::unexpected(catalogue.error());
-    const auto reference = (*catalogue)->manifests.find(version);
-    if (reference == (*catalogue)->manifests.end())
+        return tl::unexpected(std::move(catalogue).error());
+    m_catalogue = std::move(*catalogue);
+    const auto reference = m_catalogue->manifests.find(version);
+    if (reference == m_catalogue->manifests.end())
         return failure(vlupd::NOT_FOUND, "the catalogue lists no such version");
-    auto source = openSource(*config, m_layout.root(), m_transport);
+    m_openSource = [this](std::size_t transfers) {
+        Config share = m_config;
+        if (share.maxBytesPerSecond > 0)
+            share.maxBytesPerSecond =
+                std::max<std::uint64_t>(share.maxBytesPerSecond / transfers, 1);
+        return openSource(share, m_layout.root(), m_transport);
+    };
+    auto source = m_openSource(1);
     if (!source)
         return tl::unexpected(std::move(source).error());
     m_source = std::move(*source);
     for (const auto& folder : {m_layout.versions(), m_layout.downloads(), m_layout.manifests()})
         if (auto made = makeDirectories(folder); !made)
             return made;
-    auto manifest = m_catalogues.manifest(**catalogue, version, *m_source, m_operation);
+    auto manifest = m_catalogues.manifest(*m_catalogue, version, *m_source, m_operation);
     if (!manifest)
         return tl::unexpected(std::move(manifest).error());
-    m_manifest = std::move(*manifest);
+    m_manifest = std::make_shared<const Manifest>(std::move(*manifest));
     const auto generation = nextGeneration(m_layout, m_state);
     if (!generation)
         return tl::unexpected(generation.error());
     m_new = {{version, *generation}, reference->second.hash};
-    m_partFile = m_layout.partFile(m_manifest.pack.hash);
     m_tree = m_layout.tree(m_new.id);
     return {};
 }
@@ -124,22 +168,47 @@ Expected<bool> Installation::isInstalledWhole()
         m_state.installed->manifest != m_new.manifest)
         return false;
     const auto damage =
-        findDamage(m_manifest, m_layout.tree(m_state.installed->id), {}, m_operation);
+        findDamage(*m_manifest, m_layout.tree(m_state.installed->id), {}, m_operation);
     if (!damage)
         return tl::unexpected(damage.error());
     m_operation.say(damage->empty() ? "already installed and whole"
-                                    : "already installed, but damaged; installing it anew");
+                                    : "already installed, but damaged: " +
+                                          std::to_string(damage->size()) + " files are replaced");
     return damage->empty();
 }
 
-Expected<void> Installation::makeRoom()
+// Without its manifest, what is installed is of no use here.
+std::optional<BaseVersion> Installation::findBase()
 {
-    const std::uint64_t here = resumableBytes(m_partFile, m_manifest.pack);
-    const std::uint64_t needed = m_manifest.pack.size - here + m_manifest.installedSize() +
-                                 spaceMargin + spacePerFile * m_manifest.files.size();
+    if (!m_state.installed)
+        return std::nullopt;
+    auto manifest = readSavedManifest(m_layout, *m_state.installed);
+    if (!manifest) {
+        m_operation.say("what is installed cannot be made use of: " + manifest.error().message);
+        return std::nullopt;
+    }
+    return BaseVersion{std::make_shared<const Manifest>(std::move(*manifest)),
+                       m_state.installed->manifest, m_layout.tree(m_state.installed->id)};
+}
+
+Expected<void> Installation::fill()
+{
+    Assembly assembly(m_layout, m_manifest, m_new.id, findBase(), m_openSource, m_operation);
+    CatalogueManifests manifests(m_layout, m_catalogues, *m_catalogue, *m_source, m_operation);
+    assembly.plan(manifests);
+    if (auto room = makeRoom(assembly); !room)
+        return room;
+    return assembly.run();
+}
+
+Expected<void> Installation::makeRoom(const Assembly& assembly)
+{
+    const Journal journal{m_new, assembly.downloads(), std::chrono::system_clock::now()};
+    const std::uint64_t needed =
+        assembly.spaceNeeded() + spaceMargin + spacePerFile * m_manifest->files.size();
     auto available = freeSpace(m_layout.root());
     if (available && *available < needed) {
-        removeOtherDownloads(m_layout, m_partFile, m_operation);
+        removeOtherDownloads(m_layout, journal, m_operation);
         available = freeSpace(m_layout.root());
     }
     if (!available)
@@ -149,35 +218,15 @@ Expected<void> Installation::makeRoom()
                                                      toUtf8(m_layout.root()) + ": " +
                                                      std::to_string(needed) + " bytes needed, " +
                                                      std::to_string(*available) + " free");
-    return writeJournal(m_layout, {m_new, m_manifest.pack.hash, std::chrono::system_clock::now()});
-}
-
-Expected<void> Installation::fill()
-{
-    Unpacker unpacker(m_manifest, m_partFile, m_tree);
-    if (auto started = unpacker.start(); !started)
-        return started;
-    m_operation.beginStage(vlupd::STAGE_DOWNLOADING, resumableBytes(m_partFile, m_manifest.pack),
-                           m_manifest.pack.size);
-    if (!m_operation.pump())
-        return tl::unexpected(endedByCaller());
-    auto downloaded = downloadPack(*m_source, m_manifest.pack, m_partFile, m_operation,
-                                   [&](std::size_t index) { return unpacker.frameReady(index); });
-    if (!downloaded)
-        return downloaded;
-    m_operation.endStage();
-    const std::uint64_t written = unpacker.written();
-    m_operation.beginStage(vlupd::STAGE_UNPACKING, written, m_manifest.installedSize());
-    if (auto unpacked = unpacker.finish(m_operation, written); !unpacked)
-        return unpacked;
-    m_operation.endStage();
-    return {};
+    m_operation.say(std::to_string(needed) + " bytes of disk space needed, " +
+                    std::to_string(*available) + " free");
+    return writeJournal(m_layout, journal);
 }
 
 Expected<void> Installation::flush()
 {
-    m_operation.beginStage(vlupd::STAGE_APPLYING, 0, m_manifest.installedSize());
-    if (auto flushed = flushTree(m_manifest, m_tree, m_operation); !flushed)
+    m_operation.beginStage(vlupd::STAGE_APPLYING, 0, m_manifest->installedSize());
+    if (auto flushed = flushTree(*m_manifest, m_tree, m_operation); !flushed)
         return flushed;
     if (auto kept = readSavedManifest(m_layout, m_new); !kept)
         return failure("the manifest was not kept", std::move(kept).error());

@@ -40,6 +40,16 @@ std::filesystem::path RootLayout::partFile(const Hash& pack) const
     return downloads() / (toHex(pack) + ".tar.zst.part");
 }
 
+std::filesystem::path RootLayout::deltaPartFile(const Hash& delta) const
+{
+    return downloads() / (toHex(delta) + ".zst.part");
+}
+
+std::filesystem::path RootLayout::deltaIndexFile(const Hash& index) const
+{
+    return downloads() / (toHex(index) + ".index.zst");
+}
+
 std::filesystem::path RootLayout::tree(const TreeId& id) const
 {
     return versions() / fromUtf8(id.folderName());
@@ -53,6 +63,13 @@ std::filesystem::path RootLayout::sidecar(const TreeId& id) const
 std::filesystem::path RootLayout::trash(const TreeId& id) const
 {
     return versions() / fromUtf8(std::string(trashPrefix) + id.folderName());
+}
+
+std::filesystem::path RootLayout::staging(const TreeId& id, std::size_t step) const
+{
+    std::filesystem::path path = trash(id);
+    path += ".step" + std::to_string(step);
+    return path;
 }
 
 bool RootLayout::isTrashName(std::string_view name)

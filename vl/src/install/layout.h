@@ -2,6 +2,7 @@
 
 #include "vl/src/formats/hash.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -38,12 +39,17 @@ public:
     std::filesystem::path manifests() const { return m_root / "manifests"; }
     std::filesystem::path versions() const { return m_root / "versions"; }
     std::filesystem::path partFile(const Hash& pack) const;
+    std::filesystem::path deltaPartFile(const Hash& delta) const;
+    std::filesystem::path deltaIndexFile(const Hash& index) const;
     /// The folder that holds a version's files.
     std::filesystem::path tree(const TreeId& id) const;
     /// Beside the folder: which version and manifest it holds, should the state file be lost.
     std::filesystem::path sidecar(const TreeId& id) const;
     /// Where a folder goes before its files are removed.
     std::filesystem::path trash(const TreeId& id) const;
+    /// Where step `step` on the way to a version puts the files that the next one needs: rubbish
+    /// from the beginning.
+    std::filesystem::path staging(const TreeId& id, std::size_t step) const;
     static bool isTrashName(std::string_view name);
 
 private:

@@ -252,18 +252,29 @@ Expected<Manifest> readSavedManifest(const RootLayout& layout, const InstalledTr
     return readManifest(*text, tree.id.version);
 }
 
+bool Journal::needs(std::string_view name) const
+{
+    return std::ranges::any_of(
+        downloads, [name](const std::string& begin) { return name.starts_with(begin); });
+}
+
 std::optional<Journal> readJournal(const RootLayout& layout)
 {
     const auto record = readRecord(layout.journalFile());
     if (!record)
         return std::nullopt;
     auto tree = treeFromJson(*record);
-    const auto pack = hashMember(*record, "pack");
+    const auto downloads = record->find("downloads");
     const auto when = numberMember(*record, "when");
-    if (!tree || !pack || !when || *when > UINT32_MAX)
+    if (!tree || downloads == record->end() || !downloads->is_array() || !when ||
+        *when > UINT32_MAX)
         return std::nullopt;
     const std::chrono::system_clock::time_point time{std::chrono::seconds(*when)};
-    return Journal{std::move(*tree), *pack, time};
+    Journal journal{std::move(*tree), {}, time};
+    for (const Json& name : *downloads)
+        if (name.is_string() && !name.get_ref<const std::string&>().empty())
+            journal.downloads.push_back(name);
+    return journal;
 }
 
 Expected<void> writeJournal(const RootLayout& layout, const Journal& journal)
@@ -271,7 +282,7 @@ Expected<void> writeJournal(const RootLayout& layout, const Journal& journal)
     using namespace std::chrono;
     const auto seconds = duration_cast<std::chrono::seconds>(journal.when.time_since_epoch());
     Json record = toJson(journal.tree);
-    record["pack"] = toHex(journal.pack);
+    record["downloads"] = journal.downloads;
     record["when"] = static_cast<std::uint64_t>(seconds.count());
     return writeRecord(layout.journalFile(), std::move(record));
 }

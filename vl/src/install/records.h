@@ -8,6 +8,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vl {
@@ -57,9 +58,12 @@ Expected<Manifest> readSavedManifest(const RootLayout& layout, const InstalledTr
 /// An installation that has begun and not ended well.
 struct Journal
 {
-    InstalledTree tree; ///< what it was making
-    Hash pack{};
+    InstalledTree tree;                 ///< what it was making
+    std::vector<std::string> downloads; ///< its download files' names begin with these
     std::chrono::system_clock::time_point when;
+
+    /// Whether the file `name` in the folder of downloads belongs to it.
+    bool needs(std::string_view name) const;
 };
 
 /// Nothing when there is none or it cannot be understood.

@@ -12,13 +12,6 @@ namespace {
 // Large files begin their way to the disk while the rest of them arrives.
 constexpr std::uint64_t writebackStep = 8U << 20U;
 
-// Exclusive creation in a folder that was made for this installation: nothing that an archive or
-// another program put there, a link least of all, is ever written through.
-Expected<File> createFile(const ManifestFile& file, const std::filesystem::path& tree)
-{
-    return File::open(tree / fromUtf8(file.path), File::Mode::Create, file.mode);
-}
-
 tl::unexpected<Error> wrongContents(const ManifestFile& file)
 {
     return failure(vlupd::BROKEN_OR_MISSING,
@@ -27,15 +20,22 @@ tl::unexpected<Error> wrongContents(const ManifestFile& file)
 
 } // namespace
 
-std::vector<const ManifestFile*> filesInPackOrder(const Manifest& manifest)
+std::vector<const ManifestFile*> filesInPackOrder(const Manifest& manifest,
+                                                  const std::vector<std::size_t>& files)
 {
-    std::vector<const ManifestFile*> files;
-    files.reserve(manifest.files.size());
-    for (const ManifestFile& file : manifest.files)
-        if (file.size > 0)
-            files.push_back(&file);
-    std::ranges::sort(files, {}, [](const ManifestFile* file) { return file->rawOffset; });
-    return files;
+    std::vector<const ManifestFile*> ordered;
+    ordered.reserve(files.size());
+    for (const std::size_t file : files)
+        ordered.push_back(&manifest.files[file]);
+    std::ranges::sort(ordered, {}, [](const ManifestFile* file) { return file->rawOffset; });
+    return ordered;
+}
+
+// Exclusive creation in a folder that was made for this installation: nothing that an archive or
+// another program put there, a link least of all, is ever written through.
+Expected<File> createFile(const ManifestFile& file, const std::filesystem::path& tree)
+{
+    return File::open(tree / fromUtf8(file.path), File::Mode::Create, file.mode);
 }
 
 Expected<void> prepareTree(const Manifest& manifest, const std::filesystem::path& tree)

@@ -13,11 +13,15 @@
 
 namespace vl {
 
-/// The files of `manifest` that hold bytes, in the order in which a pack's stream brings them.
-std::vector<const ManifestFile*> filesInPackOrder(const Manifest& manifest);
+/// The files at the places `files` of the manifest's list, in the order in which a pack's stream
+/// brings them.
+std::vector<const ManifestFile*> filesInPackOrder(const Manifest& manifest,
+                                                  const std::vector<std::size_t>& files);
 
 /// Makes the folders of a version, which must not exist yet, and its files of 0 bytes.
 Expected<void> prepareTree(const Manifest& manifest, const std::filesystem::path& tree);
+/// Makes one file of a prepared tree; it must not exist.
+Expected<File> createFile(const ManifestFile& file, const std::filesystem::path& tree);
 
 /// Turns pieces of a pack's uncompressed stream into the files that the manifest says lie there;
 /// what the stream holds between them (archive headers, padding) is passed over unread. Each

@@ -68,49 +68,47 @@ private:
 
 } // namespace
 
-Unpacker::Unpacker(const Manifest& manifest, const std::filesystem::path& partFile,
-                   const std::filesystem::path& tree)
-    : m_manifest(manifest), m_partFile(partFile), m_tree(tree), m_files(filesInPackOrder(manifest))
+Unpacker::Unpacker(const Manifest& manifest, const std::vector<std::size_t>& files,
+                   const std::filesystem::path& partFile, const std::filesystem::path& tree)
+    : m_manifest(manifest), m_partFile(partFile), m_tree(tree),
+      m_files(filesInPackOrder(manifest, files)), m_ready(manifest.pack.frames.size())
 {
-    const std::size_t count = manifest.pack.frames.size();
-    std::vector<bool> joinsNext(count, false);
     for (const ManifestFile* file : m_files) {
-        const std::size_t last = frameAt(manifest.pack, file->rawOffset + file->size - 1);
-        for (std::size_t i = frameAt(manifest.pack, file->rawOffset); i < last; ++i)
-            joinsNext[i] = true;
-    }
-    for (std::size_t i = 0; i < count; ++i) {
-        if (i == 0 || !joinsNext[i - 1])
-            m_chains.push_back({i, i});
-        m_chains.back().end = i + 1;
+        const std::size_t first = frameAt(manifest.pack, file->rawOffset);
+        const std::size_t end = frameAt(manifest.pack, file->rawOffset + file->size - 1) + 1;
+        if (m_chains.empty() || m_chains.back().end <= first)
+            m_chains.push_back({first, end});
+        m_chains.back().end = std::max(m_chains.back().end, end);
     }
 }
 
-Expected<void> Unpacker::start()
+void Unpacker::start()
 {
-    if (auto prepared = prepareTree(m_manifest, m_tree); !prepared)
-        return prepared;
     m_workers.emplace(unpackThreads, [this](const std::stop_token& stop) { return work(stop); });
-    return {};
+}
+
+std::vector<std::size_t> Unpacker::frames() const
+{
+    std::vector<std::size_t> frames;
+    for (const Chain& chain : m_chains)
+        for (std::size_t index = chain.first; index < chain.end; ++index)
+            frames.push_back(index);
+    return frames;
 }
 
 Expected<void> Unpacker::frameReady(std::size_t index)
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_ready = index + 1;
+        m_ready[index] = true;
     }
     m_arrived.notify_all();
     return m_workers->state();
 }
 
-Expected<void> Unpacker::finish(Operation& operation, std::uint64_t counted)
+Expected<void> Unpacker::finish(Operation& operation, const std::function<void()>& tick)
 {
-    return m_workers->finish(operation, [&] {
-        const std::uint64_t now = m_written;
-        operation.addDone(now - counted);
-        counted = now;
-    });
+    return m_workers->finish(operation, tick);
 }
 
 Expected<void> Unpacker::work(const std::stop_token& stop)
@@ -139,7 +137,7 @@ Expected<void> Unpacker::work(const std::stop_token& stop)
 bool Unpacker::waitForFrame(std::size_t index, const std::stop_token& stop)
 {
     std::unique_lock lock(m_mutex);
-    return m_arrived.wait(lock, stop, [&] { return m_ready > index; }) && !stop.stop_requested();
+    return m_arrived.wait(lock, stop, [&] { return m_ready[index]; }) && !stop.stop_requested();
 }
 
 } // namespace vl

@@ -2,14 +2,15 @@
 
 #include "vl/src/error.h"
 #include "vl/src/formats/manifest.h"
-#include "vl/src/install/workers.h"
 #include "vl/src/operation/operation.h"
+#include "vl/src/operation/workers.h"
 
 #include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <stop_token>
@@ -17,24 +18,28 @@
 
 namespace vl {
 
-/// Unpacks a pack into a new version folder on threads of its own, while the pack still arrives:
-/// frames that are ready are read back from the part file in pieces, decoded, hashed and written.
+/// Unpacks files of a pack into a new version folder on threads of its own, while the pack still
+/// arrives: frames that are ready are read back from the part file in pieces, decoded, hashed and
+/// written.
 class Unpacker final
 {
 public:
-    /// All three must outlive the unpacker.
-    Unpacker(const Manifest& manifest, const std::filesystem::path& partFile,
-             const std::filesystem::path& tree);
+    /// `files`: the places of those to unpack in the manifest's list; none may be empty. All but
+    /// `files` must outlive the unpacker. `tree` has been prepared.
+    Unpacker(const Manifest& manifest, const std::vector<std::size_t>& files,
+             const std::filesystem::path& partFile, const std::filesystem::path& tree);
 
-    /// Makes the folders and starts the threads.
-    Expected<void> start();
-    /// The frames up to and with `index` lie verified in the part file. Fails with whatever has
-    /// ended the unpacking meanwhile.
+    /// Starts the threads.
+    void start();
+    /// The frames that hold bytes of the files, ascending.
+    std::vector<std::size_t> frames() const;
+    /// Frame `index` lies verified in the part file. Fails with whatever has ended the unpacking
+    /// meanwhile. Any thread.
     Expected<void> frameReady(std::size_t index);
     /// Bytes of files written so far. Any thread.
     std::uint64_t written() const { return m_written; }
-    /// Waits for the rest, counting it on `operation` (whose stage began with `counted` bytes).
-    Expected<void> finish(Operation& operation, std::uint64_t counted);
+    /// Waits for the rest, calling `tick` on the way.
+    Expected<void> finish(Operation& operation, const std::function<void()>& tick);
 
 private:
     /// Frames that one thread must unpack in order, because files run across their borders.
@@ -56,7 +61,7 @@ private:
     std::atomic<std::uint64_t> m_written{0};
     std::mutex m_mutex;
     std::condition_variable_any m_arrived;
-    std::size_t m_ready = 0; ///< frames that have arrived
+    std::vector<bool> m_ready; ///< frames that have arrived
     std::optional<Workers> m_workers;
 };
 

@@ -31,9 +31,9 @@ void Operation::beginStage(vlupd::UPD_INSTALLATION_STAGE stage, std::uint64_t do
     report();
 }
 
-void Operation::restateTotal(std::uint64_t done, std::uint64_t total)
+void Operation::replan(std::uint64_t here, std::uint64_t remaining)
 {
-    m_meter.restate(done, total);
+    m_meter.replan(here, remaining);
 }
 
 void Operation::endStage()
@@ -49,6 +49,8 @@ void Operation::addDone(std::uint64_t bytes)
 
 bool Operation::pump()
 {
+    if (std::this_thread::get_id() != m_callingThread)
+        return !cancelled();
     m_log.deliver();
     if (m_begun && m_meter.due(ProgressMeter::Clock::now()))
         report();

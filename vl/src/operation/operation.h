@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <thread>
 
 namespace vl {
 
@@ -29,15 +30,16 @@ public:
 
     /// Announces a stage and reports once: `done` of `total` bytes. Calling thread.
     void beginStage(vlupd::UPD_INSTALLATION_STAGE stage, std::uint64_t done, std::uint64_t total);
-    /// A new total (a plan changed). What is done never falls and never exceeds the total.
-    void restateTotal(std::uint64_t done, std::uint64_t total);
+    /// The plan has changed: `here` more bytes lie on the disk, `remaining` are still to come. What
+    /// is done never falls.
+    void replan(std::uint64_t here, std::uint64_t remaining);
     /// Reports once more, with everything done. Calling thread.
     void endStage();
 
     /// Counts bytes of the stage. Any thread.
     void addDone(std::uint64_t bytes);
     /// Delivers log lines and, when one is due, a progress report. Call it at least every 50 ms
-    /// from the calling thread. False once the operation is to end.
+    /// from the calling thread; from any other it only tells. False once the operation is to end.
     bool pump();
 
     /// Any thread. True once the caller's callback returned false or threw, or cancel() was called.
@@ -52,6 +54,7 @@ private:
     Stage m_stage;
     std::string m_name;
     ProgressMeter m_meter;
+    const std::thread::id m_callingThread = std::this_thread::get_id();
     bool m_begun = false; ///< nothing is reported before the first stage
     std::atomic<bool> m_cancelled{false};
 };

@@ -13,11 +13,11 @@ void ProgressMeter::begin(std::uint64_t done, std::uint64_t total, Clock::time_p
     m_samples.assign(1, Sample{now, 0});
 }
 
-void ProgressMeter::restate(std::uint64_t done, std::uint64_t total)
+void ProgressMeter::replan(std::uint64_t here, std::uint64_t remaining)
 {
     const std::lock_guard lock(m_mutex);
-    m_total = std::max(total, m_done);
-    m_done = std::clamp(done, m_done, m_total);
+    m_done += here;
+    m_total = m_done + remaining;
 }
 
 void ProgressMeter::add(std::uint64_t bytes)

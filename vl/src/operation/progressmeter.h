@@ -27,8 +27,8 @@ public:
 
     /// Starts anew; `done` bytes are already here and count for no speed.
     void begin(std::uint64_t done, std::uint64_t total, Clock::time_point now);
-    /// A new total; what is done never falls and never exceeds it.
-    void restate(std::uint64_t done, std::uint64_t total);
+    /// The plan has changed: `here` more bytes count as done, `remaining` are still to come.
+    void replan(std::uint64_t here, std::uint64_t remaining);
     void add(std::uint64_t bytes);
     /// Sets what is done to the total.
     void complete();

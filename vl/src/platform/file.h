@@ -43,6 +43,9 @@ public:
     /// Writes all of `bytes` at `offset`.
     Expected<void> writeAt(std::uint64_t offset, std::span<const std::byte> bytes);
     Expected<void> truncate(std::uint64_t size);
+    /// Makes this new, empty file share the bytes of `source` until one of them changes. False
+    /// where the file system cannot, and nothing has changed then.
+    bool cloneFrom(const File& source);
     /// Asks the system to begin writing a range to the disk; a hint that never fails or waits long.
     void startWriteback(std::uint64_t offset, std::uint64_t size);
     /// Writes a range to the disk and waits for it. Durable only after syncVolume().

@@ -4,6 +4,10 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if defined(__linux__)
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -151,6 +155,16 @@ Expected<void> File::truncate(std::uint64_t size)
     if (retried([&] { return ::ftruncate(descriptor(m_handle), static_cast<off_t>(size)); }) != 0)
         return fileFailure("cut", m_path, errno);
     return {};
+}
+
+bool File::cloneFrom(const File& source)
+{
+#if defined(__linux__)
+    return ::ioctl(descriptor(m_handle), FICLONE, descriptor(source.m_handle)) == 0;
+#else
+    (void)source;
+    return false;
+#endif
 }
 
 void File::startWriteback(std::uint64_t offset, std::uint64_t size)

@@ -1,4 +1,4 @@
-#include "vl/src/install/workers.h"
+#include "vl/src/operation/workers.h"
 
 #include <exception>
 #include <string>
