@@ -166,6 +166,7 @@ void VersionHistoryTest::selection()
     auto* second = buttons().at(1);
     const QString plain = second->styleSheet();
     QTRY_VERIFY(!first->isEnabled());
+    QCOMPARE(stack()->currentIndex(), 0);
     QCOMPARE(first->transparency(), 1.0);
 
     second->click();
