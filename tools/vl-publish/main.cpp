@@ -32,6 +32,9 @@ struct Arguments
     std::string changelog;
     std::string expires;
     int level = defaultLevel;
+    std::vector<std::string> deltaFrom;
+    bool noDelta = false;
+    int olderThan = 0; ///< days
 };
 
 Expected<SecretKey> loadSecretKey(const std::string& file)
@@ -51,6 +54,8 @@ Expected<AddRequest> makeAddRequest(const Arguments& arguments)
     request.folder = fromUtf8(arguments.folder);
     request.date = arguments.date;
     request.level = arguments.level;
+    if (arguments.noDelta || !arguments.deltaFrom.empty())
+        request.deltaFrom = arguments.deltaFrom;
     if (!arguments.name.empty())
         request.name = arguments.name;
     if (!arguments.expires.empty())
@@ -100,6 +105,19 @@ Expected<void> runRemove(const Arguments& arguments)
     if (!key)
         return tl::unexpected(key.error());
     return removeVersion(fromUtf8(arguments.repository), arguments.version, *key);
+}
+
+Expected<void> runGc(const Arguments& arguments)
+{
+    const auto key = loadSecretKey(arguments.secretKey);
+    if (!key)
+        return tl::unexpected(key.error());
+    const auto freed = collectGarbage(fromUtf8(arguments.repository),
+                                      std::chrono::days(arguments.olderThan), *key);
+    if (!freed)
+        return tl::unexpected(freed.error());
+    std::cout << "removed: " << readableSize(*freed) << '\n';
+    return {};
 }
 
 Expected<void> runList(const Arguments& arguments)
@@ -194,10 +212,23 @@ int run(int argc, char** argv)
         ->check(CLI::Range(1, 22))
         ->capture_default_str();
 
+    auto* deltaFrom = add->add_option("--delta-from", arguments.deltaFrom,
+                                      "version to make a delta from, repeatable; the newest two "
+                                      "lower ones if not given")
+                          ->allow_extra_args(false);
+    add->add_flag("--no-delta", arguments.noDelta, "make no delta")->excludes(deltaFrom);
+
     CLI::App* remove = subcommand("remove", "Take a version off the catalogue", runRemove);
     repository(remove);
     version(remove);
     secretKey(remove);
+
+    CLI::App* gc = subcommand("gc", "Remove what no listed version needs any longer", runGc);
+    repository(gc);
+    gc->add_option("--older-than", arguments.olderThan, "days that it has not been needed")
+        ->check(CLI::NonNegativeNumber)
+        ->required();
+    secretKey(gc);
 
     repository(subcommand("list", "List the versions", runList));
 

@@ -1,5 +1,6 @@
 #include "tools/vl-publish/publisher.h"
 
+#include "tools/vl-publish/deltas.h"
 #include "tools/vl-publish/packer.h"
 #include "tools/vl-publish/releasefolder.h"
 #include "tools/vl-publish/repository.h"
@@ -172,6 +173,15 @@ Expected<void> addVersion(const AddRequest& request, Progress& progress)
         return tl::unexpected(std::move(manifest).error());
     manifest->version = request.version;
     manifest->executables = request.executables;
+    // The order of paths is what deltas name files by.
+    std::ranges::sort(manifest->files, {}, &ManifestFile::path);
+    auto deltas =
+        writeDeltas(request.repository, catalogue,
+                    request.deltaFrom.value_or(defaultDeltaBases(catalogue, request.version)),
+                    *manifest, request.folder, progress);
+    if (!deltas)
+        return tl::unexpected(std::move(deltas).error());
+    manifest->deltas = std::move(*deltas);
     const std::string text = writeManifest(*manifest);
     // Whatever a client would refuse must not be signed.
     if (const auto read = readManifest(text, request.version); !read)
@@ -198,9 +208,46 @@ Expected<void> removeVersion(const fs::path& repository, const std::string& vers
     auto change = RepositoryChange::begin(repository, secretKey, false);
     if (!change)
         return tl::unexpected(std::move(change).error());
+    const auto before = change->neededFiles();
     if (change->catalogue().versions.erase(version) == 0)
         return failure(vlupd::NOT_FOUND, "version " + version + " is not listed");
-    return change->commit();
+    if (auto committed = change->commit(); !committed)
+        return committed;
+    // From now on they age.
+    const auto after = change->neededFiles();
+    std::error_code ignored; // the worst that can happen is that they go early
+    for (const std::string& name : before.value_or(std::set<std::string>()))
+        if (after && !after->contains(name))
+            fs::last_write_time(repository / fromUtf8(name), fs::file_time_type::clock::now(),
+                                ignored);
+    return {};
+}
+
+Expected<std::uint64_t> collectGarbage(const fs::path& repository, std::chrono::hours age,
+                                       const SecretKey& secretKey)
+{
+    auto change = RepositoryChange::begin(repository, secretKey, false);
+    if (!change)
+        return tl::unexpected(std::move(change).error());
+    const auto needed = change->neededFiles();
+    if (!needed)
+        return tl::unexpected(needed.error());
+    std::uint64_t freed = 0;
+    for (const std::string folder : {"manifests", "packs", "deltas"}) {
+        const auto entries = listDirectory(repository / folder);
+        if (!entries)
+            return tl::unexpected(entries.error());
+        for (const TreeEntry& entry : *entries) {
+            const std::string name = folder + "/" + entry.path;
+            const bool old = fs::file_time_type::clock::now() - entry.info.modified >= age;
+            if (entry.info.kind != FileKind::File || !old || needed->contains(name))
+                continue;
+            if (auto removed = removeFile(repository / fromUtf8(name)); !removed)
+                return tl::unexpected(std::move(removed).error());
+            freed += entry.info.size;
+        }
+    }
+    return freed;
 }
 
 Expected<std::vector<ListedVersion>> listVersions(const fs::path& repository)

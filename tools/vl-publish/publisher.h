@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -44,6 +45,8 @@ struct AddRequest
     nlohmann::json changelog;           ///< object, or null for none
     std::optional<std::string> expires; ///< yyyy-MM-dd; absent: as it was
     int level = defaultLevel;           ///< zstd's compression level, 1 to 22
+    /// Versions to make deltas from; absent: the newest two lower ones.
+    std::optional<std::vector<std::string>> deltaFrom;
 };
 
 /// Publishes a folder as a new version. Refuses what a client would refuse, symbolic links and
@@ -51,9 +54,15 @@ struct AddRequest
 /// manifest, byte for byte.
 Expected<void> addVersion(const AddRequest& request, Progress& progress);
 
-/// Takes a version off the catalogue. Its pack and manifest stay for downloads that run.
+/// Takes a version off the catalogue. Its pack and manifest stay for downloads that run, until
+/// collectGarbage().
 Expected<void> removeVersion(const std::filesystem::path& repository, const std::string& version,
                              const SecretKey& secretKey);
+
+/// Removes packs, manifests and deltas that no listed version has needed for `age`: clients that
+/// still download them would be left without. Returns the bytes freed.
+Expected<std::uint64_t> collectGarbage(const std::filesystem::path& repository,
+                                       std::chrono::hours age, const SecretKey& secretKey);
 
 struct ListedVersion
 {
@@ -75,8 +84,8 @@ struct VerifyReport
     std::vector<std::string> faults; ///< each names the file and what is wrong with it
 };
 
-/// Checks everything that a client would: signature, catalogue, manifests, packs, every frame and
-/// every file in them. Goes on after a fault.
+/// Checks everything that a client would: signature, catalogue, manifests, packs, every frame,
+/// every file in them and every delta. Goes on after a fault.
 VerifyReport verifyRepository(const std::filesystem::path& repository,
                               std::span<const PublicKey> keys, Progress& progress);
 

@@ -1,9 +1,11 @@
 #include "tools/vl-publish/repository.h"
 
 #include "tools/vl-publish/publisher.h"
+#include "vl/src/formats/delta.h"
 #include "vl/src/platform/file.h"
 
 #include <array>
+#include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstdio>
@@ -75,7 +77,8 @@ Expected<RepositoryChange> RepositoryChange::begin(const fs::path& repository, c
 {
     RepositoryChange change(repository, key);
     if (create) {
-        for (const fs::path& folder : {repository / "manifests", repository / "packs"}) {
+        for (const fs::path& folder :
+             {repository / "manifests", repository / "packs", repository / "deltas"}) {
             if (auto made = makeDirectories(folder); !made)
                 return tl::unexpected(std::move(made).error());
         }
@@ -107,13 +110,13 @@ Expected<void> RepositoryChange::clearLeftovers()
         if (!done)
             return done;
     }
-    for (const fs::path& folder : {m_top, m_top / "manifests", m_top / "packs"}) {
+    for (const fs::path& folder : {m_top, m_top / "manifests", m_top / "packs", m_top / "deltas"}) {
         std::error_code error;
         for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
              entry.increment(error)) {
             if (!isTemporaryName(toUtf8(entry->path().filename())))
                 continue;
-            if (auto removed = removeFile(entry->path()); !removed)
+            if (auto removed = removeTree(entry->path()); !removed)
                 return removed;
         }
     }
@@ -136,6 +139,20 @@ Expected<void> RepositoryChange::load()
     return {};
 }
 
+Expected<std::set<std::string>> RepositoryChange::neededFiles() const
+{
+    std::set<std::string> needed;
+    for (const auto& [version, reference] : m_catalogue.manifests) {
+        const auto manifest = loadManifest(m_top, version, reference);
+        if (!manifest)
+            return tl::unexpected(manifest.error());
+        needed.insert({manifestPath(reference.hash), packPath(manifest->pack.hash)});
+        for (const DeltaReference& delta : manifest->deltas)
+            needed.insert({deltaPath(delta.hash), deltaIndexPath(delta.indexHash)});
+    }
+    return needed;
+}
+
 Expected<void> RepositoryChange::commit()
 {
     auto date = today();
@@ -145,8 +162,10 @@ Expected<void> RepositoryChange::commit()
     ++m_catalogue.serial;
     const std::string text = writeCatalogue(m_catalogue);
     // Whatever a client would refuse must not be signed.
-    if (const auto read = readCatalogue(text); !read)
-        return tl::unexpected(read.error());
+    auto read = readCatalogue(text);
+    if (!read)
+        return tl::unexpected(std::move(read).error());
+    m_catalogue.manifests = std::move(read->manifests);
     const std::string signature =
         sign(text, m_key,
              "timestamp:" + timestampOf(*date) + "\tfile:" + catalogueName +
@@ -165,6 +184,19 @@ Expected<void> RepositoryChange::commit()
 fs::path temporaryPack(const fs::path& repository)
 {
     return repository / "packs" / ".new-pack.vl-tmp";
+}
+
+fs::path temporaryDelta(const fs::path& repository)
+{
+    return repository / "deltas" / ".new-delta.vl-tmp";
+}
+
+fs::path temporaryFolder(const fs::path& folder, const std::string& name)
+{
+    static std::atomic<unsigned> counter{0};
+    const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+    return folder /
+           ("." + name + "." + std::to_string(stamp) + "-" + std::to_string(counter++) + ".vl-tmp");
 }
 
 Expected<Catalogue> loadCatalogue(const fs::path& repository)

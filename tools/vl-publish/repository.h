@@ -7,6 +7,7 @@
 #include "vl/src/platform/lock.h"
 
 #include <filesystem>
+#include <set>
 #include <span>
 #include <string>
 
@@ -24,6 +25,9 @@ public:
                                             const SecretKey& key, bool create);
 
     Catalogue& catalogue() { return m_catalogue; }
+    /// Where the files lie that the catalogue's versions need, relative to the repository's top.
+    Expected<std::set<std::string>> neededFiles() const;
+    const std::filesystem::path& top() const { return m_top; }
     /// Signs the catalogue with the next serial number and today's date, and puts it in place.
     Expected<void> commit();
 
@@ -41,6 +45,12 @@ private:
 
 /// Where a pack is written before its hash is known; cleared by the next change.
 std::filesystem::path temporaryPack(const std::filesystem::path& repository);
+
+/// The same for a delta pack.
+std::filesystem::path temporaryDelta(const std::filesystem::path& repository);
+/// Where below `folder` the files of a version may lie while they are needed: a name that nobody
+/// else uses. In a repository, the next change clears what was left.
+std::filesystem::path temporaryFolder(const std::filesystem::path& folder, const std::string& name);
 
 /// The catalogue as it lies in the repository, its signature not looked at.
 Expected<Catalogue> loadCatalogue(const std::filesystem::path& repository);

@@ -1,3 +1,4 @@
+#include "tools/vl-publish/deltas.h"
 #include "tools/vl-publish/publisher.h"
 #include "tools/vl-publish/repository.h"
 #include "vl/src/formats/frame.h"
@@ -178,6 +179,8 @@ VerifyReport verifyRepository(const fs::path& repository, std::span<const Public
     PackVerifier verifier(repository, progress, totalSize);
     for (const Manifest& manifest : manifests) {
         for (const std::string& fault : verifier.run(manifest))
+            report.faults.push_back("version " + manifest.version + ": " + fault);
+        for (const std::string& fault : verifyDeltas(repository, *catalogue, manifest, progress))
             report.faults.push_back("version " + manifest.version + ": " + fault);
     }
     report.versions = catalogue->manifests.size();
