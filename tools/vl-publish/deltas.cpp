@@ -159,7 +159,7 @@ Expected<std::vector<DeltaReference>> writeDeltas(const fs::path& repository,
                                                   const Catalogue& catalogue,
                                                   const std::vector<std::string>& bases,
                                                   const Manifest& target, const fs::path& folder,
-                                                  Progress& progress)
+                                                  int level, Progress& progress)
 {
     std::vector<DeltaReference> deltas;
     for (const std::string& version : bases) {
@@ -174,7 +174,8 @@ Expected<std::vector<DeltaReference>> writeDeltas(const fs::path& repository,
         auto delta = writeDelta({.repository = repository,
                                  .base = {*base, older.path()},
                                  .baseManifest = catalogue.manifests.at(version).hash,
-                                 .target = {target, folder}},
+                                 .target = {target, folder},
+                                 .level = level},
                                 progress);
         if (!delta)
             return tl::unexpected(std::move(delta).error());

@@ -17,11 +17,11 @@ namespace vl::publish {
 std::vector<std::string> defaultDeltaBases(const Catalogue& catalogue, const std::string& version);
 
 /// Makes the deltas to the version of `target`, whose files lie in `folder`, from each version of
-/// `bases`, and writes what is worth keeping into the repository.
+/// `bases`, and writes what is worth keeping into the repository. `level`: zstd's.
 Expected<std::vector<DeltaReference>>
 writeDeltas(const std::filesystem::path& repository, const Catalogue& catalogue,
             const std::vector<std::string>& bases, const Manifest& target,
-            const std::filesystem::path& folder, Progress& progress);
+            const std::filesystem::path& folder, int level, Progress& progress);
 
 /// Makes every file of every delta of `target` and compares it with the manifest. Deltas from
 /// versions that are no longer listed are only looked at frame by frame. Returns the faults.

@@ -23,7 +23,7 @@ struct DeltaRequest
     VersionFolder base;
     Hash baseManifest{};
     VersionFolder target;
-    int level = 19; ///< zstd's compression level
+    int level = defaultDeltaLevel; ///< zstd's compression level
 };
 
 /// Writes the delta pack between two versions and its index into the repository. Nothing when the

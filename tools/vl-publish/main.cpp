@@ -34,6 +34,7 @@ struct Arguments
     int level = defaultLevel;
     std::vector<std::string> deltaFrom;
     bool noDelta = false;
+    int deltaLevel = defaultDeltaLevel;
     int olderThan = 0; ///< days
 };
 
@@ -54,6 +55,7 @@ Expected<AddRequest> makeAddRequest(const Arguments& arguments)
     request.folder = fromUtf8(arguments.folder);
     request.date = arguments.date;
     request.level = arguments.level;
+    request.deltaLevel = arguments.deltaLevel;
     if (arguments.noDelta || !arguments.deltaFrom.empty())
         request.deltaFrom = arguments.deltaFrom;
     if (!arguments.name.empty())
@@ -217,6 +219,10 @@ int run(int argc, char** argv)
                                       "lower ones if not given")
                           ->allow_extra_args(false);
     add->add_flag("--no-delta", arguments.noDelta, "make no delta")->excludes(deltaFrom);
+
+    add->add_option("--delta-level", arguments.deltaLevel, "compression level of deltas")
+        ->check(CLI::Range(1, 22))
+        ->capture_default_str();
 
     CLI::App* remove = subcommand("remove", "Take a version off the catalogue", runRemove);
     repository(remove);

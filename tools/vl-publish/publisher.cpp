@@ -49,7 +49,8 @@ Expected<void> checkRequest(const AddRequest& request)
         return refused("\"" + request.date + "\" is not a date (yyyy-MM-dd)");
     if (request.expires && !isDate(*request.expires))
         return refused("\"" + *request.expires + "\" is not a date (yyyy-MM-dd)");
-    if (request.level < 1 || request.level > 22)
+    if (std::min(request.level, request.deltaLevel) < 1 ||
+        std::max(request.level, request.deltaLevel) > 22)
         return refused("the compression level must be from 1 to 22");
     if (request.executables.empty())
         return refused("the version names no executable");
@@ -178,7 +179,7 @@ Expected<void> addVersion(const AddRequest& request, Progress& progress)
     auto deltas =
         writeDeltas(request.repository, catalogue,
                     request.deltaFrom.value_or(defaultDeltaBases(catalogue, request.version)),
-                    *manifest, request.folder, progress);
+                    *manifest, request.folder, request.deltaLevel, progress);
     if (!deltas)
         return tl::unexpected(std::move(deltas).error());
     manifest->deltas = std::move(*deltas);

@@ -32,6 +32,7 @@ public:
 };
 
 inline constexpr int defaultLevel = 9;
+inline constexpr int defaultDeltaLevel = 19;
 
 struct AddRequest
 {
@@ -47,6 +48,7 @@ struct AddRequest
     int level = defaultLevel;           ///< zstd's compression level, 1 to 22
     /// Versions to make deltas from; absent: the newest two lower ones.
     std::optional<std::vector<std::string>> deltaFrom;
+    int deltaLevel = defaultDeltaLevel; ///< zstd's compression level for deltas, 1 to 22
 };
 
 /// Publishes a folder as a new version. Refuses what a client would refuse, symbolic links and

@@ -77,7 +77,8 @@ Releases::Releases(bool inMemory) : m_directory(temporaryFolder(inMemory))
     m_publicKey = textOf(keys / "public.key");
 }
 
-void Releases::publish(const std::string& version, const Files& files)
+void Releases::publish(const std::string& version, const Files& files,
+                       const std::optional<std::vector<std::string>>& deltaFrom)
 {
     const fs::path source = pathOf(m_directory) / "source";
     fs::remove_all(source);
@@ -92,6 +93,8 @@ void Releases::publish(const std::string& version, const Files& files)
     request.secretKey = need(vl::readSecretKey(textOf(pathOf(m_directory) / "secret.key")));
     request.date = "2026-01-01";
     request.level = 1;
+    request.deltaLevel = 1;
+    request.deltaFrom = deltaFrom;
     vl::publish::Progress progress;
     need(vl::publish::addVersion(request, progress));
     m_files[version] = files;
@@ -99,10 +102,15 @@ void Releases::publish(const std::string& version, const Files& files)
 
 std::pair<std::string, std::uint64_t> Releases::pack(const std::string& version) const
 {
+    const vl::Pack pack = manifest(version).pack;
+    return {"/" + vl::packPath(pack.hash), pack.size};
+}
+
+vl::Manifest Releases::manifest(const std::string& version) const
+{
     const auto catalogue = need(vl::readCatalogue(textOf(folder() / "catalogue.json")));
     const std::string path = vl::manifestPath(catalogue.manifests.at(version).hash);
-    const auto manifest = need(vl::readManifest(textOf(folder() / path), version));
-    return {"/" + vl::packPath(manifest.pack.hash), manifest.pack.size};
+    return need(vl::readManifest(textOf(folder() / path), version));
 }
 
 Root::Root(const Releases& releases, const std::string& repository, bool inMemory)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vl/src/formats/manifest.h"
 #include "vlupd/vlupd.h"
 
 #include <QTemporaryDir>
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <streambuf>
 #include <string>
@@ -32,13 +34,16 @@ class Releases final
 public:
     explicit Releases(bool inMemory = false);
 
-    /// Publishes `files`; "bin/simulator" is the executable "default_exec".
-    void publish(const std::string& version, const Files& files);
+    /// Publishes `files`; "bin/simulator" is the executable "default_exec". `deltaFrom`: as the
+    /// publisher's.
+    void publish(const std::string& version, const Files& files,
+                 const std::optional<std::vector<std::string>>& deltaFrom = {});
     const Files& files(const std::string& version) const { return m_files.at(version); }
     std::filesystem::path folder() const { return pathOf(m_directory) / "repository"; }
     const std::string& publicKey() const { return m_publicKey; }
     /// Repository path ("/packs/...") and size of a version's pack.
     std::pair<std::string, std::uint64_t> pack(const std::string& version) const;
+    vl::Manifest manifest(const std::string& version) const;
 
 private:
     QTemporaryDir m_directory;
