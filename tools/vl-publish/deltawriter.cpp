@@ -17,8 +17,8 @@ namespace {
 
 /// A delta that is larger than this part of the full pack is not worth its place.
 constexpr double largestUseful = 0.8;
-/// Each frame in the works takes some 200 MiB at the highest levels.
-constexpr unsigned maxWorkers = 8;
+/// Each frame in the works takes some 400 MiB at the highest levels.
+constexpr unsigned maxWorkers = 4;
 /// Bytes of the file of the same name that are looked at before and behind a part's own place.
 constexpr std::uint64_t margin = 1U << 20U;
 

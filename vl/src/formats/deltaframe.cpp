@@ -13,6 +13,8 @@ namespace {
 /// A window that spans the largest frame and the largest base before it.
 constexpr int windowLog = std::bit_width(maxDeltaRawSize + maxDeltaBaseSize - 1);
 constexpr int indexLevel = 19;
+/// From here on zstd looks for the best matches instead of quick ones.
+constexpr int optimalLevel = 16;
 
 std::string zstdWords(std::size_t code)
 {
@@ -36,6 +38,12 @@ DeltaEncoder::DeltaEncoder(int level) : m_context(std::make_unique<Context>())
     ZSTD_CCtx_setParameter(zstd, ZSTD_c_compressionLevel, level);
     ZSTD_CCtx_setParameter(zstd, ZSTD_c_windowLog, windowLog);
     ZSTD_CCtx_setParameter(zstd, ZSTD_c_enableLongDistanceMatching, 1);
+    if (level >= optimalLevel) {
+        // The search reaches over the whole base, and long matches are worth looking for.
+        ZSTD_CCtx_setParameter(zstd, ZSTD_c_chainLog, windowLog);
+        ZSTD_CCtx_setParameter(zstd, ZSTD_c_hashLog, windowLog - 2);
+        ZSTD_CCtx_setParameter(zstd, ZSTD_c_targetLength, 4096);
+    }
     // A wrong base is noticed by nothing but the checksum.
     ZSTD_CCtx_setParameter(zstd, ZSTD_c_checksumFlag, 1);
     ZSTD_CCtx_setParameter(zstd, ZSTD_c_contentSizeFlag, 1);
