@@ -1,8 +1,7 @@
 #include "vl/src/formats/config.h"
 
+#include "vl/src/formats/json.h"
 #include "vl/src/platform/file.h"
-
-#include <nlohmann/json.hpp>
 
 #include <limits>
 
@@ -34,9 +33,10 @@ bool readText(const json& object, const char* name, std::string& text)
 
 Expected<Config> parseConfig(std::string_view text)
 {
-    const json object = json::parse(text, nullptr, false);
-    if (object.is_discarded())
-        return fault("not valid JSON");
+    const auto document = readJson(text);
+    if (!document)
+        return tl::unexpected(document.error());
+    const json& object = *document;
     if (!object.is_object())
         return fault("not a JSON object");
 
