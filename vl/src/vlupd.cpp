@@ -18,7 +18,22 @@ public:
     vl::Library library;
 };
 
-// Only the lack of memory leaves an object without its inside; every operation then fails.
+namespace {
+
+// Only the lack of memory leaves an object without its inside, or lets anything out of it; every
+// operation then fails.
+template <class Inside, class Answer, class Call>
+Answer guarded(Inside& inside, Answer fallback, const Call& call) noexcept
+{
+    try {
+        return inside ? call(inside->library) : std::move(fallback);
+    } catch (...) {
+        return fallback;
+    }
+}
+
+} // namespace
+
 VLUPD::VLUPD(const std::filesystem::path& root, bool readOnly, std::basic_streambuf<char>* log)
 {
     try {
@@ -41,47 +56,47 @@ VLUPD::installVersion(const std::string& version,
                       std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> progress,
                       std::function<void(UPD_INSTALLATION_STAGE)> stage)
 {
-    return m_implementation
-               ? m_implementation->library.install(version, std::move(progress), std::move(stage))
-               : UNKNOWN_ERROR;
+    return guarded(m_implementation, UNKNOWN_ERROR, [&](vl::Library& library) {
+        return library.install(version, std::move(progress), std::move(stage));
+    });
 }
 
 UPD_RESULT VLUPD::removeVersion(const std::string& version)
 {
-    return m_implementation ? m_implementation->library.remove(version) : UNKNOWN_ERROR;
+    return guarded(m_implementation, UNKNOWN_ERROR,
+                   [&](vl::Library& library) { return library.remove(version); });
 }
 
 UPD_RESULT VLUPD::checkFiles(const std::string& version, std::optional<std::string> subfolder)
 {
-    return m_implementation ? m_implementation->library.check(version, subfolder.value_or(""))
-                            : UNKNOWN_ERROR;
+    return guarded(m_implementation, UNKNOWN_ERROR, [&](vl::Library& library) {
+        return library.check(version, subfolder.value_or(""));
+    });
 }
 
 nlohmann::json VLUPD::getAvailableVersions()
 {
-    if (!m_implementation)
-        return nullptr;
-    return m_implementation->library.availableVersions();
+    return guarded(m_implementation, nlohmann::json(),
+                   [](vl::Library& library) { return library.availableVersions(); });
 }
 
 std::map<std::string, UpdaterData_InstalledVersion> VLUPD::getInstalledVersions()
 {
-    if (!m_implementation)
-        return {};
-    return m_implementation->library.installedVersions();
+    return guarded(m_implementation, std::map<std::string, UpdaterData_InstalledVersion>(),
+                   [](vl::Library& library) { return library.installedVersions(); });
 }
 
 bool VLUPD::cleanDownloads(std::chrono::minutes age)
 {
-    return m_implementation && m_implementation->library.cleanDownloads(age);
+    return guarded(m_implementation, false,
+                   [&](vl::Library& library) { return library.cleanDownloads(age); });
 }
 
 std::optional<std::filesystem::path> VLUPD::getAppExecutablePath(const std::string& version,
                                                                  std::string appKey)
 {
-    if (!m_implementation)
-        return std::nullopt;
-    return m_implementation->library.executable(version, appKey);
+    return guarded(m_implementation, std::optional<std::filesystem::path>(),
+                   [&](vl::Library& library) { return library.executable(version, appKey); });
 }
 
 } // namespace vlupd
