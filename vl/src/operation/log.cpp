@@ -1,9 +1,14 @@
 #include "vl/src/operation/log.h"
 
+#include <algorithm>
+
 namespace vl {
 
 void Log::write(std::string line)
 {
+    // Names and answers of others may stand in it; it is to stay one line.
+    std::ranges::replace_if(
+        line, [](unsigned char c) { return c < 0x20 || c == 0x7f; }, ' ');
     const std::lock_guard lock(m_linesMutex);
     if (m_lines.size() == maxKeptLines)
         m_lines.pop_front();

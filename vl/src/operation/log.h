@@ -13,7 +13,8 @@ namespace vl {
 class Log final
 {
 public:
-    /// Queues one whole English line without a line end: operation, object, cause. Any thread.
+    /// Queues one whole English line: operation, object, cause. Control characters become spaces.
+    /// Any thread.
     void write(std::string line);
     /// Registers the buffer that lines go to (not owned; null: keep lines). Any thread; once it
     /// returns, the previous buffer is not touched again.
