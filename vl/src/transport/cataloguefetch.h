@@ -18,7 +18,7 @@ struct CatalogueFetch
 {
     const Config& config;
     const CatalogueStore& store;
-    std::optional<SeenRepository> seen;
+    SeenRepositories seen;
     std::function<bool()> cancelled;
     std::function<void(const std::string&)> say; ///< takes log lines
 };

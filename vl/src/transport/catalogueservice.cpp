@@ -196,13 +196,12 @@ Expected<CataloguePointer> CatalogueService::Shared::fetchAndSave(const Config& 
     const Expected<std::unique_ptr<Source>> source = openSource(config, root, limits.transport);
     if (!source)
         return tl::unexpected(source.error());
-    std::optional<SeenRepository> seen = store.seen();
+    SeenRepositories seen = store.seen();
     {
         // A root that cannot be written to remembers nothing.
         const std::lock_guard lock(mutex);
-        if (newest &&
-            (!seen || (seen->id == newest->repositoryId && seen->serial < newest->serial)))
-            seen = SeenRepository{newest->repositoryId, newest->serial};
+        if (newest)
+            seen.add(*newest);
     }
     const auto logLine = [this](const std::string& line) { say(line); };
     Expected<FetchedCatalogue> fetched =
@@ -213,7 +212,7 @@ Expected<CataloguePointer> CatalogueService::Shared::fetchAndSave(const Config& 
                                   .say = logLine});
     if (!fetched)
         return tl::unexpected(std::move(fetched.error()));
-    const bool remembered = fetched->isSaved && store.seen();
+    const bool remembered = fetched->isSaved && store.seen().know(*fetched->catalogue);
     if (!readOnly && !remembered && !abandoned) {
         // The catalogue is good all the same: only a later start without the service lacks it.
         if (const Expected<void> kept = store.save(fetched->pair, *fetched->catalogue); !kept)
@@ -232,10 +231,10 @@ void CatalogueService::Shared::recordFailure(Error error)
 /// The best that is known without the network.
 Expected<CataloguePointer> CatalogueService::Shared::fallBack(const Config& config)
 {
-    if (newest)
-        return newest;
-    if (saved)
-        return saved;
+    // The configuration may have changed since.
+    for (const CataloguePointer& known : {newest, saved})
+        if (known && checkOrigin(*known, config, {}))
+            return known;
     const Expected<SignedText> pair = store.read(config.publicKeys);
     Expected<Catalogue> catalogue = pair ? readCatalogue(pair->text) : tl::unexpected(pair.error());
     if (catalogue) {

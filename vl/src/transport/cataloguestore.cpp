@@ -5,13 +5,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <array>
 
 namespace vl {
 
 namespace {
 
-constexpr std::uint64_t maxSeenSize = 4U << 10U;
+constexpr std::uint64_t maxSeenSize = 1U << 20U;
 constexpr auto catalogueName = "catalogue.json";
 constexpr auto signatureName = "catalogue.json.minisig";
 // Holds the signature while the catalogue itself is being replaced.
@@ -19,6 +20,20 @@ constexpr auto newSignatureName = "catalogue.json.minisig.new";
 constexpr auto seenName = "seen.json";
 
 } // namespace
+
+void SeenRepositories::add(const Catalogue& catalogue)
+{
+    last = catalogue.repositoryId;
+    std::uint64_t& serial = serials[last];
+    serial = std::max(serial, catalogue.serial);
+}
+
+bool SeenRepositories::know(const Catalogue& catalogue) const
+{
+    const auto serial = serials.find(catalogue.repositoryId);
+    return last == catalogue.repositoryId && serial != serials.end() &&
+           serial->second >= catalogue.serial;
+}
 
 CatalogueStore::CatalogueStore(const std::filesystem::path& root) : m_folder(root / "catalogue") {}
 
@@ -43,7 +58,9 @@ Expected<SignedText> CatalogueStore::read(std::span<const PublicKey> keys) const
 
 Expected<void> CatalogueStore::save(const SignedText& pair, const Catalogue& catalogue) const
 {
-    const nlohmann::json seen{{"repository", catalogue.repositoryId}, {"serial", catalogue.serial}};
+    SeenRepositories all = seen();
+    all.add(catalogue);
+    const nlohmann::json seen{{"repository", all.last}, {"serials", all.serials}};
     return makeDirectories(m_folder)
         .and_then([&] { return writeWholeFile(m_folder / newSignatureName, pair.signature); })
         .and_then([&] { return writeWholeFile(m_folder / catalogueName, pair.text); })
@@ -52,37 +69,38 @@ Expected<void> CatalogueStore::save(const SignedText& pair, const Catalogue& cat
         .and_then([&] { return writeWholeFile(m_folder / seenName, seen.dump() + '\n'); });
 }
 
-std::optional<SeenRepository> CatalogueStore::seen() const
+SeenRepositories CatalogueStore::seen() const
 {
+    SeenRepositories seen;
     const Expected<std::string> text = readWholeFile(m_folder / seenName, maxSeenSize);
-    if (!text)
-        return std::nullopt;
-    const nlohmann::json seen = nlohmann::json::parse(*text, nullptr, false);
-    if (!seen.is_object())
-        return std::nullopt;
-    const auto id = seen.find("repository");
-    const auto serial = seen.find("serial");
-    if (id == seen.end() || !id->is_string() || serial == seen.end() ||
-        !serial->is_number_unsigned())
-        return std::nullopt;
-    return SeenRepository{id->get<std::string>(), serial->get<std::uint64_t>()};
+    const auto record =
+        text ? nlohmann::json::parse(*text, nullptr, false) : nlohmann::json(nullptr);
+    if (!record.is_object() || !record.contains("repository") || !record.contains("serials") ||
+        !record["repository"].is_string() || !record["serials"].is_object())
+        return seen;
+    seen.last = record["repository"].get<std::string>();
+    for (const auto& [id, serial] : record["serials"].items())
+        if (serial.is_number_unsigned())
+            seen.serials[id] = serial.get<std::uint64_t>();
+    return seen;
 }
 
 Expected<void> checkOrigin(const Catalogue& catalogue, const Config& config,
-                           const std::optional<SeenRepository>& seen)
+                           const SeenRepositories& seen)
 {
     const std::string& id = catalogue.repositoryId;
     if (config.repositoryId && id != *config.repositoryId)
         return failure(vlupd::UPDATER_DATA_ERROR, "the catalogue is of the repository " + id +
                                                       ", vl.json names " + *config.repositoryId);
-    if (!config.repositoryId && seen && id != seen->id)
+    if (!config.repositoryId && !seen.last.empty() && id != seen.last)
         return failure(vlupd::UPDATER_DATA_ERROR,
-                       "the catalogue is of the repository " + id + ", so far it was " + seen->id +
+                       "the catalogue is of the repository " + id + ", so far it was " + seen.last +
                            " (a change must be named as repositoryId in vl.json)");
-    if (seen && id == seen->id && catalogue.serial < seen->serial)
+    const auto serial = seen.serials.find(id);
+    if (serial != seen.serials.end() && catalogue.serial < serial->second)
         return failure(vlupd::UPDATER_DATA_ERROR,
                        "the catalogue has the serial number " + std::to_string(catalogue.serial) +
-                           ", lower than the " + std::to_string(seen->serial) + " seen before");
+                           ", lower than the " + std::to_string(serial->second) + " seen before");
     return {};
 }
 

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 #include <filesystem>
-#include <optional>
+#include <map>
 #include <span>
 #include <string>
 
@@ -22,15 +22,19 @@ struct SignedText
     std::string signature;
 };
 
-/// The repository whose catalogues were believed so far.
-struct SeenRepository
+/// The repositories whose catalogues were believed so far.
+struct SeenRepositories
 {
-    std::string id;
-    std::uint64_t serial = 0; ///< the highest
+    std::string last;                             ///< id of the one that is used
+    std::map<std::string, std::uint64_t> serials; ///< the highest, by id
+
+    void add(const Catalogue& catalogue);
+    /// Whether add() would change nothing.
+    bool know(const Catalogue& catalogue) const;
 };
 
 /// What a root remembers of the service: the last verified catalogue with its signature, and which
-/// repository it came from. Files in catalogue/ below the root.
+/// repositories were seen. Files in catalogue/ below the root.
 class CatalogueStore final
 {
 public:
@@ -39,18 +43,18 @@ public:
     /// The saved pair, its signature verified now. NOT_FOUND when there is none.
     Expected<SignedText> read(std::span<const PublicKey> keys) const;
     /// Saves a verified pair and remembers its repository and serial. A crash at any point leaves
-    /// the old pair or the new one readable.
+    /// the old pair or the new one readable (and, at worst, the old serial remembered).
     Expected<void> save(const SignedText& pair, const Catalogue& catalogue) const;
     /// What was remembered; nothing when the file is missing or damaged.
-    std::optional<SeenRepository> seen() const;
+    SeenRepositories seen() const;
 
 private:
     std::filesystem::path m_folder;
 };
 
-/// UPDATER_DATA_ERROR for a catalogue of another repository than the configured or the remembered
+/// UPDATER_DATA_ERROR for a catalogue of another repository than the configured or else the last
 /// one, and for one with a serial lower than the highest seen.
 Expected<void> checkOrigin(const Catalogue& catalogue, const Config& config,
-                           const std::optional<SeenRepository>& seen);
+                           const SeenRepositories& seen);
 
 } // namespace vl
