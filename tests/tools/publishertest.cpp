@@ -1,266 +1,242 @@
-#include "tools/vl-publish/publisher.h"
-
+#include "tests/vl/install/installfixture.h"
 #include "vl/src/formats/manifest.h"
-#include "vl/src/platform/file.h"
 
 #include <QProcess>
-#include <QTemporaryDir>
 #include <QTest>
 
-#include <filesystem>
-
 namespace fs = std::filesystem;
-using namespace vl::publish;
 
 namespace {
 
-/// Keeps the notes.
-class Notes final : public Progress
+struct Outcome
 {
-public:
-    void note(const std::string& text) override { texts.push_back(text); }
-    std::vector<std::string> texts;
+    int exitCode = -1;
+    QByteArray output;
+    QByteArray errors;
 };
 
-void writeFile(const fs::path& path, const std::string& text)
-{
-    fs::create_directories(path.parent_path());
-    QFile file(QString::fromStdString(path.string()));
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    QCOMPARE(file.write(text.data(), qint64(text.size())), qint64(text.size()));
-}
-
-std::string readFile(const fs::path& path)
-{
-    QFile file(QString::fromStdString(path.string()));
-    return file.open(QIODevice::ReadOnly) ? file.readAll().toStdString() : std::string();
-}
-
-/// Bytes that do not compress.
-std::string noise(std::size_t size)
-{
-    std::string text(size, '\0');
-    std::uint32_t state = 1;
-    for (char& c : text) {
-        state = state * 1664525U + 1013904223U;
-        c = static_cast<char>(state >> 24U);
-    }
-    return text;
-}
-
-/// Paths and contents of everything in a repository but the lock.
-std::map<std::string, std::string> contentsOf(const fs::path& folder)
-{
-    std::map<std::string, std::string> contents;
-    for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-        if (entry.is_regular_file() && entry.path().filename() != "vl.lock")
-            contents[fs::relative(entry.path(), folder).string()] = readFile(entry.path());
-    }
-    return contents;
-}
+/// Adds version 1.1.0 to the repository that every test starts from.
+const QString addCommand = QStringLiteral("add repo 1.1.0 rel --exec default_exec=bin/sim "
+                                          "--secret-key s.key --level 1 --date 2026-10-01");
 
 } // namespace
 
-/// What is published is what every client gets: it must be right, whole and the same each time.
+/// vl-publish as a release script sees it. What is published is what every client gets: it must be
+/// right, whole and the same each time.
 class PublisherTest final : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
+    void initTestCase();
     void init();
-    void cleanup();
     void publishedFolderIsListedVerifiedAndUnpackedByTar();
     void equalInputGivesEqualOutput();
-    void badRequestsAreRefused_data();
-    void badRequestsAreRefused();
-    void symbolicLinksAreRefused();
+    void badCommandsAreRefused_data();
+    void badCommandsAreRefused();
     void damageIsFound_data();
     void damageIsFound();
+    void interruptedChangesAreCleared();
 
 private:
-    AddRequest request(const std::string& version) const;
-    void add(const AddRequest& addRequest);
-    VerifyReport verify();
-    fs::path onlyPack() const { return fs::directory_iterator(m_repository / "packs")->path(); }
-
-    std::unique_ptr<QTemporaryDir> m_top;
-    fs::path m_folder;
-    fs::path m_repository;
-    vl::KeyPair m_keys = vl::generateKeyPair().value();
-    Notes m_notes;
+    Outcome run(const QString& commandLine) const;
+    /// Runs the command that adds a version, `before` replaced by `after` in it.
+    Outcome add(const char* before, const QString& after) const
+    {
+        return run(QString(addCommand).replace(QLatin1String(before), after));
+    }
+    Outcome verify(const char* repository) const
+    {
+        return run(QStringLiteral("verify %1 --public-key p.pub").arg(QLatin1String(repository)));
+    }
+    QTemporaryDir m_directory;
+    const fs::path m_top = pathOf(m_directory);
+    /// A copy of the repository that every test starts from.
+    const fs::path m_copy = m_top / "copy";
 };
+
+Outcome PublisherTest::run(const QString& commandLine) const
+{
+    QProcess process;
+    process.setWorkingDirectory(m_directory.path());
+    process.start(QStringLiteral(VL_PUBLISH), QProcess::splitCommand(commandLine));
+    process.waitForFinished();
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            process.readAllStandardOutput(), process.readAllStandardError()};
+}
+
+void PublisherTest::initTestCase()
+{
+    const Files release{{"bin/sim", "#!/bin/sh\n"},
+                        {"empty.dat", ""},
+                        {"данные/карта мира.txt", "Карта\n"},
+                        {std::string(90, 'l') + "/" + std::string(200, 'n'), "long"}};
+    for (const char* folder : {"rel", "big", "linked", "hostile"})
+        for (const auto& [path, contents] : release)
+            writeFile(m_top / folder / path, contents);
+    writeFile(m_top / "big/large.bin", someBytes(2 * vl::frameRawSize + 12345, 1));
+    fs::create_directory(m_top / "big/nothing here");
+    fs::create_symlink("sim", m_top / "linked/bin/link");
+    writeFile(m_top / "hostile/a:b", "");
+    writeFile(m_top / "good.json", R"({"fixes": ["Исправлено"]})");
+    writeFile(m_top / "broken.json", "[1");
+    writeFile(m_top / "text.json", R"({"features": "x"})");
+    for (const char* name : {"s.key --public-key p.pub", "other.key --public-key other.pub"})
+        QCOMPARE(run(QStringLiteral("keygen --secret-key ") + QLatin1String(name)).exitCode, 0);
+    const Outcome added = add("1.1.0", QStringLiteral("0.9.0-RC"));
+    QVERIFY2(added.exitCode == 0, added.errors.constData());
+}
 
 void PublisherTest::init()
 {
-    m_notes.texts.clear();
-    m_top = std::make_unique<QTemporaryDir>();
-    m_folder = fs::path(m_top->path().toStdString()) / "release";
-    m_repository = fs::path(m_top->path().toStdString()) / "repository";
-    writeFile(m_folder / "bin/sim", "#!/bin/sh\n");
-    writeFile(m_folder / "empty.dat", "");
-    writeFile(m_folder / "данные" / "карта мира.txt", "Карта\n");
-    writeFile(m_folder / (std::string(90, 'l') + "/" + std::string(200, 'n')), "long");
-}
-
-void PublisherTest::cleanup()
-{
-    qunsetenv("SOURCE_DATE_EPOCH");
-    m_top.reset();
-}
-
-AddRequest PublisherTest::request(const std::string& version) const
-{
-    AddRequest request;
-    request.repository = m_repository;
-    request.version = version;
-    request.folder = m_folder;
-    request.executables = {{"default_exec", "bin/sim"}};
-    request.secretKey = m_keys.secretKey;
-    request.level = 1;
-    return request;
-}
-
-void PublisherTest::add(const AddRequest& addRequest)
-{
-    const auto added = addVersion(addRequest, m_notes);
-    QVERIFY2(added, added ? "" : added.error().message.c_str());
-}
-
-VerifyReport PublisherTest::verify()
-{
-    return verifyRepository(m_repository, std::span(&m_keys.publicKey, 1), m_notes);
+    fs::remove_all(m_copy);
+    fs::copy(m_top / "repo", m_copy, fs::copy_options::recursive);
 }
 
 void PublisherTest::publishedFolderIsListedVerifiedAndUnpackedByTar()
 {
-    writeFile(m_folder / "large.bin", noise(2 * vl::frameRawSize + 12345));
-    fs::create_directory(m_folder / "nothing here");
-    AddRequest special = request("1.0.0");
-    special.date = "2026-10-01";
-    special.name = "Особая";
-    special.changelog = {{"features", {"Карта"}}};
-    add(special);
-    QCOMPARE(m_notes.texts.size(), std::size_t{1});
-    QVERIFY(m_notes.texts[0].find("nothing here") != std::string::npos);
+    const Outcome added = add(
+        "repo 1.1.0 rel", QStringLiteral("new 1.0.0 big --name \"Особая\" --changelog good.json "
+                                         "--expires 2099-01-01"));
+    QCOMPARE(added.exitCode, 0);
+    // No progress where there is no terminal.
+    QCOMPARE(added.errors, "note: the empty folder \"nothing here\" is not published\n");
+    const QByteArray listed = run(QStringLiteral("list new")).output;
+    const std::string catalogue = filesIn(m_top / "new").at("catalogue.json");
+    for (const char* part : {"1.0.0", "2026-10-01", "Особая"})
+        QVERIFY2(listed.contains(part) && catalogue.find(part) != std::string::npos,
+                 listed.constData());
+    QVERIFY2(listed.contains(" 5 files"), listed.constData());
+    for (const char* part : {"Исправлено", "\"expires\": \"2099-01-01\""})
+        QVERIFY2(catalogue.find(part) != std::string::npos, part);
+    QCOMPARE(verify("new").exitCode, 0);
 
-    const auto listed = listVersions(m_repository);
-    QVERIFY(listed && listed->size() == 1);
-    QCOMPARE(listed->front().date, std::string("2026-10-01"));
-    QCOMPARE(listed->front().name, std::string("Особая"));
-    QCOMPARE(listed->front().fileCount, std::size_t{5});
-    const auto faults = verify().faults;
-    QVERIFY2(faults.empty(), faults.empty() ? "" : faults[0].c_str());
-
-    const fs::path unpacked = fs::path(m_top->path().toStdString()) / "unpacked";
-    fs::create_directory(unpacked);
+    const fs::path pack = fs::directory_iterator(m_top / "new/packs")->path();
+    fs::create_directory(m_top / "unpacked");
     QCOMPARE(QProcess::execute(QStringLiteral("tar"),
                                {QStringLiteral("--zstd"), QStringLiteral("-xf"),
-                                QString::fromStdString(onlyPack().string()), QStringLiteral("-C"),
-                                QString::fromStdString(unpacked.string())}),
+                                QString::fromStdString(pack), QStringLiteral("-C"),
+                                QString::fromStdString(m_top / "unpacked")}),
              0);
-    QCOMPARE(contentsOf(unpacked), contentsOf(m_folder));
-    QVERIFY((fs::status(unpacked / "bin/sim").permissions() & fs::perms::owner_exec) !=
+    QVERIFY(filesIn(m_top / "unpacked") == filesIn(m_top / "big"));
+    QVERIFY((fs::status(m_top / "unpacked/bin/sim").permissions() & fs::perms::owner_exec) !=
             fs::perms::none);
 
-    QVERIFY(removeVersion(m_repository, "1.0.0", m_keys.secretKey));
-    QVERIFY(!removeVersion(m_repository, "1.0.0", m_keys.secretKey));
-    QVERIFY(listVersions(m_repository)->empty() && verify().faults.empty());
+    QCOMPARE(run(QStringLiteral("remove new 1.0.0 --secret-key s.key")).exitCode, 0);
+    QCOMPARE(run(QStringLiteral("list new")).output, QByteArray());
+    QCOMPARE(verify("new").exitCode, 0);
 }
 
 void PublisherTest::equalInputGivesEqualOutput()
 {
-    writeFile(m_folder / "large.bin", noise(vl::frameRawSize + 1000));
-    writeFile(m_folder / "text", std::string(2 * vl::frameRawSize, 't'));
     qputenv("SOURCE_DATE_EPOCH", "1700000000");
-    AddRequest first = request("1.0.0");
-    add(first);
-    const auto contents = contentsOf(m_repository);
-    QCOMPARE(contents.size(), std::size_t{4});
-    QVERIFY(contents.at("catalogue.json").find("2023-11-14") != std::string::npos);
-
-    fs::remove_all(m_repository);
-    for (const auto& entry : fs::recursive_directory_iterator(m_folder))
+    QCOMPARE(add("repo 1.1.0 rel", QStringLiteral("one 1.1.0 big")).exitCode, 0);
+    for (const auto& entry : fs::recursive_directory_iterator(m_top / "big"))
         fs::last_write_time(entry, fs::file_time_type::clock::now() - std::chrono::hours(1));
-    add(first);
-    QVERIFY(contentsOf(m_repository) == contents);
+    QCOMPARE(add("repo 1.1.0 rel", QStringLiteral("two 1.1.0 big")).exitCode, 0);
+    qunsetenv("SOURCE_DATE_EPOCH");
+    const Files one = filesIn(m_top / "one");
+    QCOMPARE(one.size(), std::size_t{5});
+    QVERIFY(one.at("catalogue.json").find("2023-11-14") != std::string::npos);
+    QVERIFY(filesIn(m_top / "two") == one);
 }
 
-void PublisherTest::badRequestsAreRefused_data()
+void PublisherTest::badCommandsAreRefused_data()
 {
-    using Change = std::function<void(AddRequest&)>;
-    QTest::addColumn<Change>("change");
-    QTest::addColumn<QByteArray>("fault");
-    const auto row = [](const char* name, const char* fault, const Change& change) {
-        QTest::newRow(name) << change << QByteArray(fault);
+    QTest::addColumn<QString>("commandLine");
+    // Rows are named by words of the fault.
+    const auto row = [](const QString& commandLine, const char* fault) {
+        QTest::newRow(fault) << commandLine;
     };
-    row("listed version", "already listed", [](AddRequest& r) { r.version = "0.9.0-RC"; });
-    row("listed in other case", "nothing but case", [](AddRequest& r) { r.version = "0.9.0-rc"; });
-    row("hostile version", "\"..\"", [](AddRequest& r) { r.version = ".."; });
-    row("missing executable", "is no file of",
-        [](AddRequest& r) { r.executables["default_exec"] = "bin/sim.exe"; });
-    row("other key", "unknown key",
-        [](AddRequest& r) { r.secretKey = vl::generateKeyPair().value().secretKey; });
+    const auto addRow = [row](const char* before, const char* after, const char* fault) {
+        row(QString(addCommand).replace(QLatin1String(before), QLatin1String(after)), fault);
+    };
+    addRow("--secret-key s.key", "", "--secret-key");
+    addRow("s.key", "none", "none");
+    addRow("s.key", "p.pub", "p.pub: not a minisign");
+    addRow("s.key", "other.key", "unknown key");
+    addRow("=bin/sim", "", "KEY=RELATIVE/PATH");
+    addRow("bin/sim", "bin/sim.exe", "is no file of");
+    addRow("--level 1", "--level 23", "--level");
+    addRow("--level 1", "--changelog broken.json", "broken.json");
+    addRow("--level 1", "--changelog text.json", "\"features\"");
+    addRow("2026-10-01", "2026-02-30", "not a date");
+    addRow("1.1.0", "0.9.0-RC", "already listed");
+    addRow("1.1.0", "0.9.0-rc", "nothing but case");
+    addRow("1.1.0", "..", "\"..\"");
+    addRow("rel", "nowhere", "nowhere");
+    addRow("rel", "hostile", "\"a:b\"");
+    addRow("rel", "linked", "\"bin/link\": it is a symbolic link");
+    addRow("repo", "rel/repo", "inside");
+    row({}, "subcommand");
+    row(QStringLiteral("keygen --secret-key s.key --public-key q.pub"), "exists");
+    row(QStringLiteral("list rel"), "catalogue.json");
+    row(QStringLiteral("verify rel --public-key p.pub"), "faults found: 1");
+    row(QStringLiteral("remove repo 1.1.0 --secret-key s.key"), "not listed");
 }
 
-void PublisherTest::badRequestsAreRefused()
+void PublisherTest::badCommandsAreRefused()
 {
-    QFETCH(std::function<void(AddRequest&)>, change);
-    QFETCH(QByteArray, fault);
-    add(request("0.9.0-RC"));
-    const auto before = contentsOf(m_repository);
-    AddRequest bad = request("1.0.0");
-    change(bad);
-    const auto added = addVersion(bad, m_notes);
-    QVERIFY(!added);
-    QVERIFY2(added.error().message.find(fault.toStdString()) != std::string::npos,
-             added.error().message.c_str());
-    QVERIFY(contentsOf(m_repository) == before);
-}
-
-void PublisherTest::symbolicLinksAreRefused()
-{
-    fs::create_symlink("sim", m_folder / "bin/link");
-    const auto added = addVersion(request("1.0.0"), m_notes);
-    QVERIFY(!added);
-    const std::string refusal = added.error().message;
-    QVERIFY2(refusal.find("\"bin/link\": it is a symbolic link") != std::string::npos,
-             refusal.c_str());
-    QVERIFY(!fs::exists(m_repository / "catalogue.json"));
+    QFETCH(QString, commandLine);
+    const Files before = filesIn(m_top / "repo");
+    const Outcome outcome = run(commandLine);
+    QCOMPARE(outcome.exitCode, 1);
+    QVERIFY2(outcome.errors.contains(QTest::currentDataTag()), outcome.errors.constData());
+    QCOMPARE(outcome.errors.count('\n'), 1);
+    QVERIFY(filesIn(m_top / "repo") == before);
 }
 
 void PublisherTest::damageIsFound_data()
 {
-    using Damage = std::function<void(const fs::path& repository, const fs::path& pack)>;
-    QTest::addColumn<Damage>("damage");
-    QTest::addColumn<QByteArray>("fault");
-    const auto flip = [](const fs::path& path, std::size_t fromEnd) {
-        std::string text = readFile(path);
-        text[text.size() - fromEnd] = static_cast<char>(text[text.size() - fromEnd] ^ 1);
-        writeFile(path, text);
-    };
-    const auto row = [](const char* name, const char* fault, const Damage& damage) {
-        QTest::newRow(name) << damage << QByteArray(fault);
-    };
-    row("byte of a pack", "frame 0 at offset 0",
-        [flip](const fs::path&, const fs::path& pack) { flip(pack, fs::file_size(pack)); });
-    row("pack missing", "tar.zst", [](const fs::path&, const fs::path& pack) { fs::remove(pack); });
-    row("catalogue", "does not match", [flip](const fs::path& repository, const fs::path&) {
-        flip(repository / "catalogue.json", 1);
-    });
+    QTest::addColumn<std::string>("place");
+    QTest::addColumn<int>("flippedByte"); // -1: the file is missing
+    // Rows are named by words of the fault.
+    QTest::newRow("frame 0 at offset 0") << std::string("packs/") << 0;
+    QTest::newRow("file \"bin/sim\"") << std::string("packs/") << 0;
+    QTest::newRow("tar.zst") << std::string("packs/") << -1;
+    QTest::newRow("differs from what the catalogue says") << std::string("manifests/") << 5;
+    QTest::newRow("does not match") << std::string("catalogue.json") << 30;
 }
 
 void PublisherTest::damageIsFound()
 {
-    QFETCH(std::function<void(const fs::path&, const fs::path&)>, damage);
-    QFETCH(QByteArray, fault);
-    add(request("1.0.0"));
-    QVERIFY(verify().faults.empty());
-    damage(m_repository, onlyPack());
-    const auto faults = verify().faults;
-    const bool named = std::any_of(faults.begin(), faults.end(), [&fault](const std::string& text) {
-        return text.find(fault.toStdString()) != std::string::npos;
-    });
-    QVERIFY2(named, faults.empty() ? "no fault found" : faults[0].c_str());
+    QFETCH(std::string, place);
+    QFETCH(int, flippedByte);
+    QCOMPARE(verify("copy").exitCode, 0);
+    Files files = filesIn(m_copy);
+    const auto damaged = files.lower_bound(place);
+    fs::remove(m_copy / damaged->first);
+    if (flippedByte >= 0) {
+        damaged->second[std::size_t(flippedByte)] ^= 1;
+        writeFile(m_copy / damaged->first, damaged->second);
+    }
+    const Outcome outcome = verify("copy");
+    QCOMPARE(outcome.exitCode, 1);
+    QVERIFY2(outcome.output.contains(QTest::currentDataTag()), outcome.output.constData());
+}
+
+void PublisherTest::interruptedChangesAreCleared()
+{
+    const auto addNext = [this](const char* version) {
+        return add("repo 1.1.0", QStringLiteral("copy ") + QLatin1String(version)).exitCode;
+    };
+    // Ended while a pack was being written, and before the signature was in place.
+    writeFile(m_copy / "packs/.new-pack.vl-tmp", "half a pack");
+    writeFile(m_copy / "catalogue.json.new", "{\"format\": 1, \"half");
+    QCOMPARE(addNext("1.0.0"), 0);
+    QVERIFY(!fs::exists(m_copy / "packs/.new-pack.vl-tmp"));
+    QVERIFY(!fs::exists(m_copy / "catalogue.json.new"));
+    QCOMPARE(verify("copy").exitCode, 0);
+
+    // Ended between the signature and the catalogue.
+    const std::string old = filesIn(m_copy).at("catalogue.json");
+    QCOMPARE(addNext("1.1.0"), 0);
+    fs::rename(m_copy / "catalogue.json", m_copy / "catalogue.json.new");
+    writeFile(m_copy / "catalogue.json", old);
+    QCOMPARE(verify("copy").exitCode, 1);
+    QCOMPARE(addNext("1.2.0"), 0);
+    const Outcome whole = verify("copy");
+    QVERIFY2(whole.output.startsWith("no faults: 4 versions"), whole.output.constData());
 }
 
 QTEST_APPLESS_MAIN(PublisherTest)

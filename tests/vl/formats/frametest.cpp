@@ -10,6 +10,8 @@
 namespace {
 
 using Bytes = std::vector<std::byte>;
+/// Bytes cut off, bytes put behind, by how much too many bytes are agreed on, words of the fault.
+using Broken = std::tuple<int, QByteArray, int, const char*>;
 
 /// Half of it compresses, half does not.
 Bytes sample(std::size_t size)
@@ -59,6 +61,7 @@ private Q_SLOTS:
     void framesSurviveRoundTrip();
     void brokenFramesAreRefused_data();
     void brokenFramesAreRefused();
+    void everyFlippedByteIsRefused();
 };
 
 void FrameTest::framesSurviveRoundTrip()
@@ -77,31 +80,29 @@ void FrameTest::framesSurviveRoundTrip()
 
 void FrameTest::brokenFramesAreRefused_data()
 {
-    QTest::addColumn<int>("cutAtEnd");
-    QTest::addColumn<QByteArray>("appended");
-    QTest::addColumn<int>("agreedMore"); // than there is
-    QTest::addColumn<QByteArray>("fault");
+    QTest::addColumn<Broken>("broken");
     const Bytes other = encode(sample(100));
     const QByteArray frame(reinterpret_cast<const char*>(other.data()), qsizetype(other.size()));
-    const auto row = [](const char* name, int cut, const QByteArray& appended, int agreedMore,
-                        const char* fault) {
-        QTest::newRow(name) << cut << appended << agreedMore << QByteArray(fault);
-    };
-    row("cut by a byte", 1, "", 0, "incomplete");
-    row("nothing", 1000000, "", 0, "incomplete");
-    row("frame after it", 0, frame, 0, "followed");
-    row("page", 1000000, "<html>", 0, "damaged");
-    row("skippable frame", 1000000, QByteArray("\x50\x2a\x4d\x18\x01\0\0\0x", 9), 0, "fewer");
-    row("more than agreed", 0, "", -1, "more bytes than");
-    row("less than agreed", 0, "", 1, "fewer");
+    const QByteArray skippable("\x50\x2a\x4d\x18\x01\0\0\0x", 9);
+    // Windows of 64 and of 72 MiB, each in front of one raw byte.
+    const QByteArray largest("\x28\xb5\x2f\xfd\0\x80\x09\0\0x", 10);
+    const QByteArray larger("\x28\xb5\x2f\xfd\0\x81\x09\0\0x", 10);
+    constexpr int all = 1000000;
+    QTest::newRow("cut by a byte") << Broken{1, "", 0, "incomplete"};
+    QTest::newRow("nothing") << Broken{all, "", 0, "incomplete"};
+    QTest::newRow("frame after it") << Broken{0, frame, 0, "followed"};
+    QTest::newRow("page") << Broken{all, "<html>", 0, "damaged"};
+    QTest::newRow("skippable frame") << Broken{all, skippable, 0, "fewer"};
+    QTest::newRow("largest window") << Broken{all, largest, 0, "fewer"};
+    QTest::newRow("larger window") << Broken{all, larger, 0, "too much memory"};
+    QTest::newRow("more than agreed") << Broken{0, "", -1, "more bytes than"};
+    QTest::newRow("less than agreed") << Broken{0, "", 1, "fewer"};
 }
 
 void FrameTest::brokenFramesAreRefused()
 {
-    QFETCH(int, cutAtEnd);
-    QFETCH(QByteArray, appended);
-    QFETCH(int, agreedMore);
-    QFETCH(QByteArray, fault);
+    QFETCH(Broken, broken);
+    const auto& [cutAtEnd, appended, agreedMore, fault] = broken;
     const Bytes raw = sample(100000);
     Bytes frame = encode(raw);
     frame.resize(frame.size() - std::min(frame.size(), std::size_t(cutAtEnd)));
@@ -111,9 +112,23 @@ void FrameTest::brokenFramesAreRefused()
     const auto agreed = std::uint64_t(qint64(raw.size()) + agreedMore);
     for (const std::size_t piece : {std::size_t{1}, std::size_t{1000000}}) {
         const std::string found = decode(decoder, frame, raw, agreed, piece);
-        QVERIFY2(found.find(fault.toStdString()) != std::string::npos, found.c_str());
+        QVERIFY2(found.find(fault) != std::string::npos, found.c_str());
     }
     QCOMPARE(decode(decoder, encode(raw), raw, raw.size(), 1000), std::string()); // usable again
+}
+
+void FrameTest::everyFlippedByteIsRefused()
+{
+    const Bytes raw = sample(3000);
+    Bytes frame = encode(raw);
+    vl::FrameDecoder decoder;
+    for (std::size_t i = 0; i < frame.size(); ++i) {
+        frame[i] ^= std::byte{0x10};
+        // Of the header's byte 4 this is the one bit that decoders must ignore.
+        QVERIFY2(i == 4 || !decode(decoder, frame, raw, raw.size(), frame.size()).empty(),
+                 std::to_string(i).c_str());
+        frame[i] ^= std::byte{0x10};
+    }
 }
 
 QTEST_APPLESS_MAIN(FrameTest)

@@ -163,26 +163,38 @@ std::string LogLines::text() const
 std::streamsize LogLines::xsputn(const char* text, std::streamsize count)
 {
     lines.emplace_back(text);
+    threads.insert(std::this_thread::get_id());
     return count;
+}
+
+Installed::Installed(const Releases& releases, const std::string& version, bool inMemory)
+    : root(releases, {}, inMemory), library(root.path(), false, &log)
+{
+    if (!version.empty() && library.installVersion(version, {}, {}) != vlupd::OK)
+        throw std::runtime_error(log.text());
 }
 
 std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> Recorder::progress()
 {
     return [this](std::uint64_t speed, std::uint64_t done, std::uint64_t total) {
         reports.push_back({stages.empty() ? -1 : stages.back(), speed, done, total});
+        threads.insert(std::this_thread::get_id());
         return goOn(reports.back());
     };
 }
 
 std::function<void(vlupd::UPD_INSTALLATION_STAGE)> Recorder::stage()
 {
-    return [this](vlupd::UPD_INSTALLATION_STAGE stage) { stages.push_back(stage); };
+    return [this](vlupd::UPD_INSTALLATION_STAGE stage) {
+        stages.push_back(stage);
+        threads.insert(std::this_thread::get_id());
+    };
 }
 
 QString Recorder::fault() const
 {
-    if (stages != std::vector<int>{0, 2, 3})
-        return QStringLiteral("stages");
+    if (stages != std::vector<int>{0, 2, 3} || threads != std::set{std::this_thread::get_id()})
+        return QStringLiteral("stages or threads");
     for (const int wanted : stages) {
         std::vector<Report> own;
         std::ranges::copy_if(reports, std::back_inserter(own),

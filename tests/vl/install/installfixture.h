@@ -13,6 +13,7 @@
 #include <set>
 #include <streambuf>
 #include <string>
+#include <thread>
 #include <vector>
 
 /// What a folder holds: the contents of its files by path.
@@ -75,9 +76,27 @@ public:
     std::string text() const;
     bool contains(const std::string& words) const { return text().find(words) != text().npos; }
     std::vector<std::string> lines;
+    std::set<std::thread::id> threads; ///< that lines came on
 
 protected:
     std::streamsize xsputn(const char* text, std::streamsize count) override;
+};
+
+/// A root with an open library whose log is kept; `version`, unless empty, is installed.
+struct Installed
+{
+    explicit Installed(const Releases& releases, const std::string& version = "1.0.0",
+                       bool inMemory = true);
+
+    /// The folder of the installed version.
+    std::filesystem::path folder()
+    {
+        return library.getInstalledVersions().begin()->second.installDirectory;
+    }
+
+    Root root;
+    LogLines log;
+    vlupd::VLUPD library;
 };
 
 /// Takes the reports of an installation; `goOn` decides what the callback answers.
@@ -93,11 +112,12 @@ struct Recorder
 
     std::vector<Report> reports;
     std::vector<int> stages;
+    std::set<std::thread::id> threads; ///< that callbacks came on
     std::function<bool(const Report&)> goOn = [](const Report&) { return true; };
 
     std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> progress();
     std::function<void(vlupd::UPD_INSTALLATION_STAGE)> stage();
-    /// What is wrong with order, monotony, first and last reports of a whole installation.
+    /// What is wrong with order, threads, monotony, first and last reports of a whole installation.
     QString fault() const;
 };
 

@@ -1,7 +1,10 @@
 #include "tests/vl/install/installfixture.h"
+#include "vl/src/platform/file.h"
 
 #include <QTest>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -12,6 +15,11 @@ using namespace std::chrono_literals;
 using vlupd::VLUPD;
 
 namespace {
+
+/// What happens to a root or a version's folder.
+using Change = std::function<void(const fs::path&)>;
+/// What checkFiles answers and logs after a change, below a subfolder.
+using Damage = std::tuple<int, const char*, Change, const char*>;
 
 const Files oldFiles{{"bin/simulator", "the simulator"},
                      {"empty", ""},
@@ -36,6 +44,7 @@ class InstallTest : public QObject
 
 private Q_SLOTS:
     void initTestCase();
+    void cleanup() { vl::setFileFault({}); }
     void installs();
     void userFilesMoveAlong();
     void callbacksThatEndIt_data();
@@ -44,14 +53,10 @@ private Q_SLOTS:
     void damageIsFound();
     void lostRecords_data();
     void lostRecords();
-    void folderDeletedByHand();
+    void readingNeedsNoWriting();
+    void downloadsAreCleaned();
 
 private:
-    fs::path folderOf(VLUPD& library, const std::string& version)
-    {
-        return library.getInstalledVersions()[version].installDirectory;
-    }
-
     std::unique_ptr<Releases> m_releases;
 };
 
@@ -64,60 +69,65 @@ void InstallTest::initTestCase()
 
 void InstallTest::installs()
 {
-    const Root root(*m_releases);
-    LogLines log;
-    VLUPD library(root.path(), false, &log);
-    QVERIFY(library.getInstalledVersions().empty());
-    QCOMPARE(library.getAvailableVersions().size(), 2U);
+    Installed it(*m_releases, "", false);
+    QVERIFY(it.library.getInstalledVersions().empty());
+    QCOMPARE(it.library.removeVersion("1.0.0"), vlupd::NOT_FOUND);
+    QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::NOT_FOUND);
+    QCOMPARE(it.library.getAvailableVersions().size(), 2U);
 
     for (const std::string version : {"1.0.0", "1.10.0", "1.0.0"}) {
         Recorder recorder;
-        const int result = library.installVersion(version, recorder.progress(), recorder.stage());
-        QVERIFY2(result == vlupd::OK, log.text().c_str());
+        const int result =
+            it.library.installVersion(version, recorder.progress(), recorder.stage());
+        QVERIFY2(result == vlupd::OK, it.log.text().c_str());
         QCOMPARE(recorder.fault(), QString());
-        QCOMPARE(promiseFault(root, *m_releases, {version}), QString());
-        QCOMPARE(root.leftovers(), QString());
-        const auto program = library.getAppExecutablePath(version, "default_exec");
-        QVERIFY(program && program->is_absolute() &&
-                *program == folderOf(library, version) / "bin/simulator");
+        QCOMPARE(promiseFault(it.root, *m_releases, {version}), QString());
+        QCOMPARE(it.root.leftovers(), QString());
+        const auto program = it.library.getAppExecutablePath(version, "default_exec");
+        QVERIFY(program && program->is_absolute() && *program == it.folder() / "bin/simulator");
         QCOMPARE(fs::status(*program).permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
-        QVERIFY(!library.getAppExecutablePath(version, "other_exec"));
-        QVERIFY(!library.getAppExecutablePath("1.5.0", "default_exec"));
+        QVERIFY(!it.library.getAppExecutablePath(version, "other_exec"));
+        QVERIFY(!it.library.getAppExecutablePath("1.5.0", "default_exec"));
     }
     Recorder recorder;
-    QCOMPARE(library.installVersion("1.0.0", recorder.progress(), recorder.stage()),
+    QCOMPARE(it.library.installVersion("1.0.0", recorder.progress(), recorder.stage()),
              vlupd::FOUND_LOCALLY);
     QVERIFY(recorder.reports.empty());
+    QCOMPARE(it.library.installVersion("7.0.0", {}, {}), vlupd::NOT_FOUND);
+    QVERIFY(it.log.contains("installVersion 7.0.0: the catalogue lists no such version"));
+    fs::remove_all(it.folder());
+    QCOMPARE(it.library.removeVersion("1.0.0"), vlupd::OK);
+    QCOMPARE(it.root.leftovers(), QString());
+    VLUPD nowhere(it.root.path() / "missing", false, &it.log);
+    QCOMPARE(nowhere.installVersion("1.0.0", {}, {}), vlupd::SYSTEM_CALL_ERROR);
+    QVERIFY(it.log.threads == std::set{std::this_thread::get_id()});
 }
 
 void InstallTest::userFilesMoveAlong()
 {
-    const Root root(*m_releases);
-    LogLines log;
-    VLUPD library(root.path(), false, &log);
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    const fs::path old = folderOf(library, "1.0.0");
+    Installed it(*m_releases);
+    const fs::path old = it.folder();
     writeFile(old / "полёты/мой.txt", "mine");
     writeFile(old / "notes.txt", "my notes");
     writeFile(old / "bin/simulator", "damaged, but not the user's");
     fs::create_directories(old / "empty folder");
 
-    QCOMPARE(library.installVersion("1.10.0", {}, {}), vlupd::OK);
+    QCOMPARE(it.library.installVersion("1.10.0", {}, {}), vlupd::OK);
     Files expected = newFiles;
     expected["полёты/мой.txt"] = "mine";
     expected["notes.txt.user"] = "my notes";
-    QVERIFY(filesIn(folderOf(library, "1.10.0")) == expected);
-    QCOMPARE(library.checkFiles("1.10.0", std::nullopt), vlupd::OK);
+    QVERIFY(filesIn(it.folder()) == expected);
+    QCOMPARE(it.library.checkFiles("1.10.0", std::nullopt), vlupd::OK);
     QVERIFY(!fs::exists(old));
 
     // On the way back a user's file meets a name that is a file there and a folder here.
-    writeFile(folderOf(library, "1.10.0") / "replaced/mine.txt", "mine too");
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    const Files kept = filesIn(folderOf(library, "1.0.0"));
+    writeFile(it.folder() / "replaced/mine.txt", "mine too");
+    QCOMPARE(it.library.installVersion("1.0.0", {}, {}), vlupd::OK);
+    const Files kept = filesIn(it.folder());
     QCOMPARE(kept.at("replaced.user/mine.txt"), std::string("mine too"));
     QCOMPARE(kept.at("replaced"), oldFiles.at("replaced"));
     QCOMPARE(kept.at("notes.txt.user"), std::string("my notes"));
-    QCOMPARE(root.leftovers(), QString());
+    QCOMPARE(it.root.leftovers(), QString());
 }
 
 void InstallTest::callbacksThatEndIt_data()
@@ -133,107 +143,97 @@ void InstallTest::callbacksThatEndIt()
 {
     QFETCH(int, stage);
     QFETCH(bool, throws);
-    const Root root(*m_releases);
-    LogLines log;
-    VLUPD library(root.path(), false, &log);
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), vlupd::OK);
+    Installed it(*m_releases);
     Recorder recorder;
     recorder.goOn = [&](const Recorder::Report& report) {
+        // Meanwhile others are refused at once, and reading goes on.
+        if (it.library.removeVersion("1.0.0") != vlupd::SYSTEM_CALL_ERROR ||
+            it.library.cleanDownloads(0min) || it.library.getInstalledVersions().empty())
+            return false;
         if (report.stage == stage && throws)
             throw std::runtime_error("from the callback");
         return report.stage != stage;
     };
-    QCOMPARE(library.installVersion("1.10.0", recorder.progress(), recorder.stage()),
+    QCOMPARE(it.library.installVersion("1.10.0", recorder.progress(), recorder.stage()),
              vlupd::UNKNOWN_ERROR);
-    QVERIFY2(log.contains("installVersion 1.10.0: the progress callback"), log.text().c_str());
+    QVERIFY2(it.log.contains("installVersion 1.10.0: the progress callback"),
+             it.log.text().c_str());
     QCOMPARE(recorder.reports.back().stage, stage);
-    QCOMPARE(promiseFault(root, *m_releases, {"1.0.0"}), QString());
+    QCOMPARE(promiseFault(it.root, *m_releases, {"1.0.0"}), QString());
 
     Recorder resumed;
-    QCOMPARE(library.installVersion("1.10.0", resumed.progress(), resumed.stage()), vlupd::OK);
+    QCOMPARE(it.library.installVersion("1.10.0", resumed.progress(), resumed.stage()), vlupd::OK);
     QCOMPARE(resumed.fault(), QString());
     if (stage > 0)
         QCOMPARE(resumed.reports.front().done, resumed.reports.front().total);
-    QCOMPARE(promiseFault(root, *m_releases, {"1.10.0"}), QString());
-    QCOMPARE(root.leftovers(), QString());
+    QCOMPARE(promiseFault(it.root, *m_releases, {"1.10.0"}), QString());
+    QCOMPARE(it.root.leftovers(), QString());
 }
 
 void InstallTest::damageIsFound_data()
 {
-    using Damage = std::function<void(const fs::path&)>;
     QTest::addColumn<Damage>("damage");
-    QTest::addColumn<QString>("subfolder");
-    QTest::addColumn<int>("expected");
-    QTest::addColumn<QString>("words");
-    const auto row = [](const char* name, int expected, const QString& words, const Damage& damage,
-                        const QString& subfolder = {}) {
-        QTest::newRow(name) << damage << subfolder << expected << words;
+    const auto row = [](const char* name, int expected, const char* words, const Change& change,
+                        const char* subfolder = "") {
+        QTest::newRow(name) << Damage{expected, words, change, subfolder};
     };
-    const Damage change = [](const fs::path& tree) {
-        writeFile(tree / "shared.txt", "tHE same in both");
+    const auto write = [](const char* path, const char* text) -> Change {
+        return [=](const fs::path& tree) { writeFile(tree / path, text); };
     };
-    const auto broken = vlupd::INSTALLED_FILES_BROKEN;
-    row("nothing", vlupd::OK, {}, [](const fs::path&) {});
-    row("one bit", broken, QStringLiteral("shared.txt: other contents"), change);
-    row("outside the subfolder", vlupd::OK, {}, change, QStringLiteral("данные/"));
-    row("no such subfolder", vlupd::NOT_FOUND, {}, change, QStringLiteral("../1.0.0"));
-    row("cut", broken, QStringLiteral("bin/simulator: 3 bytes instead of 13"),
-        [](const fs::path& tree) { writeFile(tree / "bin/simulator", "the"); });
-    row("missing", broken, QStringLiteral("данные/карта.txt: missing"),
+    const Change change = write("shared.txt", "tHE same in both");
+    constexpr int broken = vlupd::INSTALLED_FILES_BROKEN;
+    row("a file of the user", vlupd::OK, "", write("mine.txt", "mine"));
+    row("one bit", broken, "shared.txt: other contents", change);
+    row("outside the subfolder", vlupd::OK, "", change, "данные/");
+    row("no such subfolder", vlupd::NOT_FOUND, "", change, "../1.0.0");
+    row("cut", broken, "bin/simulator: 3 bytes instead of 13", write("bin/simulator", "the"));
+    row("missing", broken, "данные/карта.txt: missing",
         [](const fs::path& tree) { fs::remove_all(tree / "данные"); });
-    row("folder in its place", broken, QStringLiteral("shared.txt: not a regular file"),
-        [](const fs::path& tree) {
-            fs::remove(tree / "shared.txt");
-            fs::create_directory(tree / "shared.txt");
-        });
-    row("link to a right copy", broken, QStringLiteral("shared.txt: not a regular file"),
-        [](const fs::path& tree) {
-            fs::rename(tree / "shared.txt", tree / "copy");
-            fs::create_symlink(tree / "copy", tree / "shared.txt");
-        });
-    row("a file of the user", vlupd::OK, {},
-        [](const fs::path& tree) { writeFile(tree / "mine.txt", "mine"); });
+    row("folder deleted", broken, "missing", [](const fs::path& tree) { fs::remove_all(tree); });
+    row("link to a right copy", broken, "shared.txt: not a regular file", [](const fs::path& tree) {
+        fs::rename(tree / "shared.txt", tree / "copy");
+        fs::create_symlink(tree / "copy", tree / "shared.txt");
+    });
+    row("write permission gone, manifest lost", vlupd::OK, "", [](const fs::path& tree) {
+        fs::permissions(tree / "bin/simulator", fs::perms::owner_read);
+        fs::remove_all(tree / "../../manifests");
+    });
 }
 
 void InstallTest::damageIsFound()
 {
-    using Damage = std::function<void(const fs::path&)>;
     QFETCH(Damage, damage);
-    QFETCH(QString, subfolder);
-    QFETCH(QString, words);
-    const Root root(*m_releases, {}, true);
-    LogLines log;
-    VLUPD library(root.path(), false, &log);
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    damage(folderOf(library, "1.0.0"));
-    const auto below = subfolder.isEmpty() ? std::nullopt : std::optional(subfolder.toStdString());
-    const vlupd::UPD_RESULT result = library.checkFiles("1.0.0", below);
-    QTEST(static_cast<int>(result), "expected");
-    QVERIFY2(log.contains(words.toStdString()), log.text().c_str());
+    const auto& [expected, words, change, subfolder] = damage;
+    Installed it(*m_releases);
+    change(it.folder());
+    QVERIFY(it.library.getInstalledVersions().contains("1.0.0"));
+    QCOMPARE(int(it.library.checkFiles("1.0.0", subfolder)), expected);
+    QVERIFY2(it.log.contains(words), it.log.text().c_str());
     // A damaged version can be installed anew, a whole one need not be.
-    const bool damaged = library.checkFiles("1.0.0", std::nullopt) != vlupd::OK;
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), damaged ? vlupd::OK : vlupd::FOUND_LOCALLY);
-    QCOMPARE(library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
+    const bool damaged = it.library.checkFiles("1.0.0", std::nullopt) != vlupd::OK;
+    QCOMPARE(it.library.installVersion("1.0.0", {}, {}),
+             damaged ? vlupd::OK : vlupd::FOUND_LOCALLY);
+    QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
 }
 
 void InstallTest::lostRecords_data()
 {
-    using Change = std::function<void(const fs::path&)>;
     QTest::addColumn<Change>("change");
     QTest::addColumn<bool>("remains");
-    const auto write = [](const char* text) -> Change {
-        return [text](const fs::path& root) { writeFile(root / "installed.json", text); };
+    const auto write = [](const char* name, const char* text) {
+        const Change change = [=](const fs::path& root) {
+            writeFile(root / "installed.json", text);
+        };
+        QTest::newRow(name) << change << true;
     };
+    write("empty", "");
+    write("cut", R"({"format":1,"installed":{"ver)");
+    write("hostile version", R"({"format":1,"superseded":[],)"
+                             R"("installed":{"version":"../..","generation":1,"manifest":""}})");
+    write("newer format", R"({"format":2})");
     QTest::newRow("missing") << Change([](const fs::path& root) {
         fs::remove(root / "installed.json");
     }) << true;
-    QTest::newRow("empty") << write("") << true;
-    QTest::newRow("cut") << write(R"({"format":1,"installed":{"ver)") << true;
-    QTest::newRow("hostile version")
-        << write(R"({"format":1,"installed":{"version":"../..","generation":1,"manifest":""},)"
-                 R"("superseded":[]})")
-        << true;
-    QTest::newRow("newer format") << write(R"({"format":2})") << true;
     QTest::newRow("interrupted removal") << Change([](const fs::path& root) {
         fs::rename(root / "versions/1.0.0.g1", root / "versions/.trash-1.0.0.g1");
     }) << false;
@@ -241,38 +241,79 @@ void InstallTest::lostRecords_data()
 
 void InstallTest::lostRecords()
 {
-    using Change = std::function<void(const fs::path&)>;
     QFETCH(Change, change);
     QFETCH(bool, remains);
-    const Root root(*m_releases, {}, true);
-    QCOMPARE(VLUPD(root.path(), false, nullptr).installVersion("1.0.0", {}, {}), vlupd::OK);
-    change(root.path());
+    Installed it(*m_releases);
+    const fs::path root = it.root.path();
+    change(root);
     const std::set<std::string> expected{remains ? "1.0.0" : ""};
-    QCOMPARE(promiseFault(root, *m_releases, expected), QString());
+    QCOMPARE(promiseFault(it.root, *m_releases, expected), QString());
     LogLines log;
-    VLUPD library(root.path(), false, nullptr);
+    VLUPD library(root, false, nullptr);
     QVERIFY(library.cleanDownloads(0min));
     library.setLogBuf(&log);
     library.getInstalledVersions();
     if (remains)
         QVERIFY2(log.contains("installed.json"), log.text().c_str());
-    QCOMPARE(promiseFault(root, *m_releases, expected), QString());
-    QCOMPARE(root.leftovers(), QString());
+    QCOMPARE(promiseFault(it.root, *m_releases, expected), QString());
+    QCOMPARE(it.root.leftovers(), QString());
     QCOMPARE(library.installVersion("1.0.0", {}, {}), remains ? vlupd::FOUND_LOCALLY : vlupd::OK);
 }
 
-void InstallTest::folderDeletedByHand()
+void InstallTest::readingNeedsNoWriting()
 {
-    const Root root(*m_releases);
-    VLUPD library(root.path(), false, nullptr);
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    fs::remove_all(folderOf(library, "1.0.0"));
+    const Installed it(*m_releases);
+    const Files before = filesIn(it.root.path());
+    // The seam stands for the read-only file system, which the superuser's rights do not override.
+    vl::setFileFault([](vl::FileOperation operation, const fs::path&) -> std::optional<int> {
+        using enum vl::FileOperation;
+        return operation == Open || operation == Read ? std::nullopt : std::optional(EROFS);
+    });
+    for (const bool readOnly : {true, false}) {
+        LogLines log;
+        VLUPD library(it.root.path(), readOnly, &log);
+        QVERIFY(library.getAvailableVersions().is_object());
+        QVERIFY(library.getAppExecutablePath("1.0.0", "default_exec"));
+        QCOMPARE(library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
+        QVERIFY(library.installVersion("1.10.0", {}, {}) != vlupd::OK);
+        QCOMPARE(library.removeVersion("1.0.0"), vlupd::SYSTEM_CALL_ERROR);
+        QCOMPARE(log.contains("for reading only"), readOnly);
+    }
+    cleanup();
+    QVERIFY(filesIn(it.root.path()) == before);
+    // Without the manifest and the repository nothing can be said about the files.
+    fs::remove_all(it.root.path() / "manifests");
+    fs::remove(it.root.path() / "vl.json");
+    VLUPD library(it.root.path(), true, nullptr);
+    QCOMPARE(library.checkFiles("1.0.0", std::nullopt), vlupd::BROKEN_OR_MISSING);
+    QVERIFY(!library.getAppExecutablePath("1.0.0", "default_exec"));
     QVERIFY(library.getInstalledVersions().contains("1.0.0"));
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    QCOMPARE(promiseFault(root, *m_releases, {"1.0.0"}), QString());
-    fs::remove_all(folderOf(library, "1.0.0"));
-    QCOMPARE(library.removeVersion("1.0.0"), vlupd::OK);
-    QCOMPARE(root.leftovers(), QString());
+}
+
+void InstallTest::downloadsAreCleaned()
+{
+    Installed it(*m_releases, "");
+    Recorder ended;
+    ended.goOn = [](const Recorder::Report& report) { return report.stage != 2; };
+    QCOMPARE(it.library.installVersion("1.0.0", ended.progress(), ended.stage()),
+             vlupd::UNKNOWN_ERROR);
+    const std::set<std::string> needed = it.root.partFiles();
+    QVERIFY(!needed.empty());
+    writeFile(it.root.path() / "downloads/other.part", "of no use");
+    // Whether files of some age are still there after a cleaning with this limit.
+    const auto stay = [&](const std::set<std::string>& names, std::chrono::hours age,
+                          std::chrono::minutes limit) {
+        for (const std::string& name : names)
+            fs::last_write_time(it.root.path() / "downloads" / name,
+                                fs::file_time_type::clock::now() - age);
+        return it.library.cleanDownloads(limit) &&
+               std::ranges::includes(it.root.partFiles(), names);
+    };
+    QVERIFY(stay({"other.part"}, 0h, 30min));
+    QVERIFY(stay({"other.part"}, 1h, std::chrono::minutes::max()));
+    QVERIFY(!stay({"other.part"}, 1h, 30min));
+    QVERIFY(stay(needed, 13 * 24h, 30min));
+    QVERIFY(!stay(needed, 15 * 24h, 30min));
 }
 
 QTEST_GUILESS_MAIN(InstallTest)

@@ -1,5 +1,6 @@
 #include "tests/support/httpserver.h"
 #include "tests/vl/install/installfixture.h"
+#include "tests/vl/transport/transportfixture.h"
 #include "vl/src/install/library.h"
 
 #include <QTest>
@@ -10,20 +11,18 @@ using namespace std::chrono_literals;
 using testsupport::HttpServer;
 using testsupport::Misbehaviour;
 
+namespace fs = std::filesystem;
+
 namespace {
 
+/// What is done to a root or the server.
+using Spoil = std::function<void(const fs::path& root)>;
+/// The code, the words in the log, and what leads to them.
+using Bad = std::tuple<int, const char*, Spoil>;
+
 // As patient as a test may be, and never silent after a failure.
-vl::CatalogueService::Limits impatient()
-{
-    vl::CatalogueService::Limits limits;
-    limits.pauseAfterFailure = 0ms;
-    limits.transport.connectTimeout = 5000ms;
-    limits.transport.stallTimeout = 1s;
-    limits.transport.firstPause = 1ms;
-    limits.transport.longestPause = 5ms;
-    limits.transport.rangeRetries = 2;
-    return limits;
-}
+const vl::CatalogueService::Limits impatient{.pauseAfterFailure = 0ms,
+                                             .transport = TransportFixture::impatient()};
 
 } // namespace
 
@@ -34,8 +33,8 @@ class InstallTransferTest : public QObject
 private Q_SLOTS:
     void initTestCase();
     void init() { m_server->reset(); }
-    void badServers_data();
-    void badServers();
+    void badInput_data();
+    void badInput();
     void resumesWhereItEnded();
 
 private:
@@ -57,55 +56,93 @@ void InstallTransferTest::initTestCase()
     std::tie(m_pack, m_packSize) = m_releases->pack("2.0.0");
 }
 
-void InstallTransferTest::badServers_data()
+void InstallTransferTest::badInput_data()
 {
-    QTest::addColumn<QString>("path");
-    QTest::addColumn<Misbehaviour>("misbehaviour");
-    QTest::addColumn<int>("expected");
-    QTest::addColumn<QString>("words");
-    const auto row = [this](const char* name, const Misbehaviour& misbehaviour, int expected,
-                            const char* words, const std::string& path = {}) {
-        QTest::newRow(name) << QString::fromStdString(path.empty() ? m_pack : path) << misbehaviour
-                            << expected << QString::fromLatin1(words);
+    QTest::addColumn<Bad>("bad");
+    const auto row = [](const char* name, int expected, const char* words, const Spoil& spoil) {
+        QTest::newRow(name) << Bad{expected, words, spoil};
     };
-    row("cut once", {.times = 1, .cutAfter = m_packSize / 2}, vlupd::OK, "");
-    row("cut again and again", {.cutAfter = 0}, vlupd::RSYNC_ERROR, "/packs/");
-    row("Range ignored", {.times = 2, .ignoreRange = true, .cutAfter = m_packSize / 3}, vlupd::OK,
-        "");
-    row("too short", {.lengthError = -1000, .totalError = -1000, .bodyError = -1000},
-        vlupd::CONTENT_LEN_ERROR, "/packs/");
-    row("one byte once", {.times = 1, .flipByteAt = m_packSize / 2}, vlupd::OK, "damaged");
-    row("one byte always", {.flipByteAt = m_packSize / 2}, vlupd::BROKEN_OR_MISSING, "damaged");
-    row("not there", {.status = 404}, vlupd::RSYNC_ERROR, "404");
-    row("500, then good", {.times = 1, .status = 500}, vlupd::OK, "500");
-    row("stall", {.times = 1, .stallAfter = m_packSize / 2}, vlupd::OK, "");
-    row("wrong signature", {.body = "untrusted comment: none\nnothing\n"},
-        vlupd::UPDATER_DATA_ERROR, "not a minisign signature", "/catalogue.json.minisig");
+    const auto server = [&](const char* name, const Misbehaviour& misbehaviour, int expected,
+                            const char* words, const std::string& path = {}) {
+        row(name, expected, words, [=, this](const fs::path&) {
+            m_server->misbehave(path.empty() ? m_pack : path, misbehaviour);
+        });
+    };
+    std::string manifest;
+    for (const auto& [path, text] : filesIn(m_releases->folder() / "manifests"))
+        if (text.find(R"("version":"2.0.0")") != std::string::npos)
+            manifest = "/manifests/" + path;
+    server("cut once", {.times = 1, .cutAfter = m_packSize / 2}, vlupd::OK, "");
+    server("cut again and again", {.cutAfter = 0}, vlupd::RSYNC_ERROR, "/packs/");
+    server("Range ignored", {.times = 2, .ignoreRange = true, .cutAfter = m_packSize / 3},
+           vlupd::OK, "");
+    server("too short", {.lengthError = -1000, .totalError = -1000, .bodyError = -1000},
+           vlupd::CONTENT_LEN_ERROR, "/packs/");
+    server("one byte once", {.times = 1, .flipByteAt = m_packSize / 2}, vlupd::OK, "damaged");
+    server("one byte always", {.flipByteAt = m_packSize / 2}, vlupd::BROKEN_OR_MISSING, "damaged");
+    server("not there", {.status = 404}, vlupd::RSYNC_ERROR, "404");
+    server("500, then good", {.times = 1, .status = 500}, vlupd::OK, "500");
+    server("stall", {.times = 1, .stallAfter = m_packSize / 2}, vlupd::OK, "");
+    server("wrong signature", {.body = "untrusted comment: none\nnothing\n"},
+           vlupd::UPDATER_DATA_ERROR, "not a minisign signature", "/catalogue.json.minisig");
+    server("byte of the manifest", {.flipByteAt = 20}, vlupd::BROKEN_OR_MISSING, "/manifests/",
+           manifest);
+    server("short manifest", {.body = "{}"}, vlupd::CONTENT_LEN_ERROR, "/manifests/", manifest);
+
+    // `before` replaced in vl.json
+    const auto config = [&](const char* name, int expected, const char* words,
+                            const std::string& before, const std::string& after) {
+        row(name, expected, words, [=](const fs::path& root) {
+            std::string text = filesIn(root).at("vl.json");
+            writeFile(root / "vl.json", text.replace(text.find(before), before.size(), after));
+        });
+    };
+    constexpr int wrongData = vlupd::UPDATER_DATA_ERROR;
+    row("no vl.json", wrongData, "vl.json: No such file",
+        [](const fs::path& root) { fs::remove(root / "vl.json"); });
+    config("no JSON", wrongData, "vl.json: not valid JSON", "{", "repository=x {");
+    config("no key", wrongData, "vl.json: \"publicKeys\"", "publicKeys", "x");
+    config("strange address", wrongData, "reached by ftp", "http:", "ftp:");
+    config("unreadable address", wrongData, "cannot be read", "http:", "http:// ");
+    config("other id", wrongData, "vl.json names x", "{", R"({"repositoryId":"x",)");
+    config("nothing there", vlupd::RSYNC_ERROR, "/nowhere/", m_server->address(), "nowhere");
+    row("file in a folder's place", vlupd::CREATE_DIR_ERROR, "downloads: Not a directory",
+        [](const fs::path& root) {
+            fs::remove_all(root / "downloads");
+            writeFile(root / "downloads", "a file");
+        });
 }
 
-void InstallTransferTest::badServers()
+// Either it is made good, or one line says why and the old version stays.
+void InstallTransferTest::badInput()
 {
-    QFETCH(QString, path);
-    QFETCH(Misbehaviour, misbehaviour);
-    QFETCH(int, expected);
-    QFETCH(QString, words);
-    const bool early = path.contains(u"catalogue");
+    QFETCH(Bad, bad);
+    const auto& [expected, words, spoil] = bad;
+    // A wrong signature matters only where no catalogue was verified before.
+    const bool early = qstrcmp(QTest::currentDataTag(), "wrong signature") == 0;
     const Root root(*m_releases, m_server->address(), true);
+    const std::string config = filesIn(root.path()).at("vl.json");
     LogLines log;
-    vl::Library library(root.path(), false, &log, impatient());
+    vl::Library library(root.path(), false, &log, impatient);
     if (!early)
         QCOMPARE(library.install("1.0.0", {}, {}), vlupd::OK);
-    m_server->misbehave(path.toStdString(), misbehaviour);
+    log.lines.clear();
+    spoil(root.path());
     Recorder recorder;
     const int result = library.install("2.0.0", recorder.progress(), recorder.stage());
     QVERIFY2(result == expected, (std::to_string(result) + "\n" + log.text()).c_str());
-    QVERIFY2(log.contains(words.toStdString()), log.text().c_str());
+    QVERIFY2(log.contains(words), log.text().c_str());
     if (expected == vlupd::OK) {
         QCOMPARE(recorder.fault(), QString());
     } else {
+        QVERIFY2(log.lines.back().starts_with("installVersion 2.0.0: ") &&
+                     log.lines.back().find(words) != std::string::npos,
+                 log.text().c_str());
         QCOMPARE(promiseFault(root, *m_releases, {early ? "" : "1.0.0"}), QString());
-        QVERIFY(log.contains("installVersion 2.0.0: "));
         m_server->reset();
+        writeFile(root.path() / "vl.json", config);
+        if (fs::is_regular_file(root.path() / "downloads"))
+            fs::remove(root.path() / "downloads");
         const int again = library.install("2.0.0", {}, {});
         QVERIFY2(again == vlupd::OK, log.text().c_str());
     }
@@ -116,7 +153,7 @@ void InstallTransferTest::badServers()
 void InstallTransferTest::resumesWhereItEnded()
 {
     const Root root(*m_releases, m_server->address(), true);
-    vl::Library library(root.path(), false, nullptr, impatient());
+    vl::Library library(root.path(), false, nullptr, impatient);
     // The server stalls near the end, so that the reports there are seen.
     m_server->misbehave(m_pack, {.stallAfter = m_packSize * 7 / 8});
     Recorder first;

@@ -6,6 +6,9 @@
 
 #include <QTest>
 
+#include <atomic>
+#include <cerrno>
+
 using namespace std::chrono_literals;
 using testsupport::Misbehaviour;
 using vl::CatalogueService;
@@ -16,14 +19,18 @@ namespace {
 constexpr std::uint64_t oldSerial = 5;
 constexpr std::uint64_t newSerial = 6;
 
-/// So long that only a fault of the service makes a test wait for it.
-Limits patient()
+using Prepare = std::function<void()>;
+/// The code and the number of requests for the signature that come of what is prepared.
+using Case = std::tuple<int, int, Prepare>;
+
+std::string catalogueText(std::uint64_t serial, const std::string& id = "varnel")
 {
-    return {.withSaved = 60s,
-            .withoutSaved = 60s,
-            .pauseAfterFailure = 60s,
-            .transport = TransportFixture::impatient()};
+    return R"({"format":1,"date":"2026-01-02","versions":{},"repository":")" + id +
+           R"(","serial":)" + std::to_string(serial) + "}";
 }
+
+/// So long that only a fault of the service makes a test wait for it.
+const Limits patient{60s, 60s, 60s, TransportFixture::impatient()};
 
 } // namespace
 
@@ -33,6 +40,7 @@ class CatalogueServiceTest : public QObject
 
 private Q_SLOTS:
     void init();
+    void cleanup() { vl::setFileFault({}); }
 
     void catalogueIsBelievedOrNot_data();
     void catalogueIsBelievedOrNot();
@@ -40,15 +48,14 @@ private Q_SLOTS:
     void fetchedCatalogueIsReused();
     void budgetIsSpentOnce();
     void noNetworkAfterAFailure();
+    void copySurvivesACrashWhileSaving();
 
 private:
-    using Prepare = std::function<void(CatalogueServiceTest&)>;
-
-    std::string catalogueText(std::uint64_t serial, const std::string& id = "varnel");
     std::string signatureOf(const std::string& text) const
     {
         return vl::sign(text, m_keys.secretKey, "timestamp:1");
     }
+    void configure(const char* repositoryId = nullptr);
     void publish(const std::string& text);
     std::uint64_t serialOf(CatalogueService& service, bool fresh = false);
     /// The serial that a new process finds.
@@ -61,26 +68,20 @@ private:
     std::optional<vl::Error> m_error;
 };
 
-Q_DECLARE_METATYPE(std::function<void(CatalogueServiceTest&)>)
-
 void CatalogueServiceTest::init()
 {
     m_fixture = std::make_unique<TransportFixture>();
-    const nlohmann::json config{{"repository", server().address()},
-                                {"publicKeys", {vl::writePublicKey(m_keys.publicKey)}}};
-    QVERIFY(vl::writeWholeFile(m_fixture->root() / "vl.json", config.dump()));
+    configure();
     publish(catalogueText(newSerial));
 }
 
-std::string CatalogueServiceTest::catalogueText(std::uint64_t serial, const std::string& id)
+void CatalogueServiceTest::configure(const char* repositoryId)
 {
-    vl::Catalogue catalogue;
-    catalogue.repositoryId = id;
-    catalogue.serial = serial;
-    catalogue.date = "2026-01-02";
-    catalogue.versions["1.0.0"] = {{"date", "2026-01-01"},
-                                   {"manifest", {{"size", 1}, {"hash", std::string(64, 'a')}}}};
-    return vl::writeCatalogue(catalogue);
+    nlohmann::json config{{"repository", server().address()},
+                          {"publicKeys", {vl::writePublicKey(m_keys.publicKey)}}};
+    if (repositoryId != nullptr)
+        config["repositoryId"] = repositoryId;
+    QVERIFY(vl::writeWholeFile(m_fixture->root() / "vl.json", config.dump()));
 }
 
 void CatalogueServiceTest::publish(const std::string& text)
@@ -98,21 +99,18 @@ std::uint64_t CatalogueServiceTest::serialOf(CatalogueService& service, bool fre
 
 std::uint64_t CatalogueServiceTest::serialAtStart()
 {
-    CatalogueService service(m_fixture->root(), false, patient(), m_log);
+    CatalogueService service(m_fixture->root(), false, patient, m_log);
     return serialOf(service);
 }
 
 void CatalogueServiceTest::catalogueIsBelievedOrNot_data()
 {
-    QTest::addColumn<Prepare>("prepare");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<int>("signatureRequests");
-    using Test = CatalogueServiceTest;
-    const auto row = [](const char* name, int code, int requests, Prepare prepare) {
-        QTest::newRow(name) << prepare << code << requests;
+    QTest::addColumn<Case>("row");
+    const auto row = [](const char* name, int code, int requests, const Prepare& prepare) {
+        QTest::newRow(name) << Case{code, requests, prepare};
     };
-    const auto fault = [](const char* path, Misbehaviour misbehaviour) {
-        return [=](Test& test) { test.server().misbehave(path, misbehaviour); };
+    const auto fault = [this](const char* path, const Misbehaviour& misbehaviour) {
+        return [=, this] { server().misbehave(path, misbehaviour); };
     };
     const std::string text = catalogueText(newSerial);
     const std::string others = signatureOf(catalogueText(newSerial + 1));
@@ -121,26 +119,25 @@ void CatalogueServiceTest::catalogueIsBelievedOrNot_data()
     const char* const json = "/catalogue.json";
     const char* const minisig = "/catalogue.json.minisig";
     constexpr int bad = vlupd::UPDATER_DATA_ERROR;
-    row("good", vlupd::OK, 1, [](Test&) {});
+    row("good", vlupd::OK, 1, [] {});
     row("another key", bad, 2, fault(minisig, {.body = strangers}));
     row("update in flight", vlupd::OK, 2, fault(minisig, {.times = 1, .body = others}));
     row("pair that never fits", bad, 2, fault(minisig, {.body = others}));
     row("endless", vlupd::CONTENT_LEN_ERROR, 1, fault(json, {.endless = true}));
     row("unsigned", vlupd::RSYNC_ERROR, 1, fault(minisig, {.status = 404}));
-    row("signed rubbish", bad, 2, [](Test& test) { test.publish("{\"format\":1"); });
+    row("signed rubbish", bad, 2, [this] { publish("{\"format\":1"); });
     row("log-in page", bad, 2, fault("*", {.body = "<html>", .contentType = "text/html"}));
-    row("no server", vlupd::RSYNC_ERROR, 0, [](Test& test) { test.server().stop(); });
+    row("no server", vlupd::RSYNC_ERROR, 0, [this] { server().stop(); });
 }
 
 void CatalogueServiceTest::catalogueIsBelievedOrNot()
 {
-    QFETCH(Prepare, prepare);
-    QFETCH(int, code);
-    QFETCH(int, signatureRequests);
+    QFETCH(Case, row);
+    const auto& [code, signatureRequests, prepare] = row;
     const bool isGood = code == vlupd::OK;
 
     // Without a saved copy, what is wrong is told.
-    prepare(*this);
+    prepare();
     QCOMPARE(serialAtStart(), isGood ? newSerial : 0);
     QCOMPARE(m_error ? int(m_error->code) : int(vlupd::OK), code);
     QCOMPARE(server().requests("/catalogue.json.minisig"), signatureRequests);
@@ -150,7 +147,7 @@ void CatalogueServiceTest::catalogueIsBelievedOrNot()
     publish(catalogueText(oldSerial));
     QCOMPARE(serialAtStart(), oldSerial);
     publish(catalogueText(newSerial));
-    prepare(*this);
+    prepare();
     QCOMPARE(serialAtStart(), isGood ? newSerial : oldSerial);
 }
 
@@ -161,6 +158,12 @@ void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
     QCOMPARE(serialAtStart(), newSerial);
     publish(catalogueText(oldSerial));
     QCOMPARE(serialAtStart(), newSerial);
+    // A named change of repository and back makes nothing forget the first one's serial.
+    for (const char* id : {"stranger", "varnel"}) {
+        configure(id);
+        publish(catalogueText(oldSerial, id));
+        QCOMPARE(serialAtStart(), id == std::string("varnel") ? 0U : oldSerial);
+    }
     // The copy may be put back from a backup or damaged: the memory of the serial counts.
     const auto copy = m_fixture->root() / "catalogue" / "catalogue.json";
     QVERIFY(vl::writeWholeFile(copy, catalogueText(oldSerial)));
@@ -178,7 +181,7 @@ void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
 
 void CatalogueServiceTest::fetchedCatalogueIsReused()
 {
-    CatalogueService service(m_fixture->root(), false, patient(), m_log);
+    CatalogueService service(m_fixture->root(), false, patient, m_log);
     for (int i = 0; i < 3; ++i)
         QCOMPARE(serialOf(service), newSerial);
     QCOMPARE(server().requests(), 2);
@@ -195,8 +198,7 @@ void CatalogueServiceTest::budgetIsSpentOnce()
     QCOMPARE(serialAtStart(), newSerial);
     server().reset();
     server().misbehave("*", {.stallAfter = 0});
-    const Limits hurried{
-        .withSaved = 150ms, .withoutSaved = 300ms, .pauseAfterFailure = 0ms, .transport = {}};
+    const Limits hurried{150ms, 300ms, 0ms, {}};
     const auto start = std::chrono::steady_clock::now();
     {
         vl::Log log;
@@ -216,12 +218,44 @@ void CatalogueServiceTest::budgetIsSpentOnce()
 void CatalogueServiceTest::noNetworkAfterAFailure()
 {
     server().misbehave("*", {.status = 500});
-    CatalogueService service(m_fixture->root(), false, patient(), m_log);
+    CatalogueService service(m_fixture->root(), false, patient, m_log);
     for (int i = 0; i < 5; ++i) {
         QCOMPARE(serialOf(service, i % 2 == 0), 0U);
         QCOMPARE(int(m_error->code), int(vlupd::RSYNC_ERROR));
     }
     QCOMPARE(server().requests(), 1);
+}
+
+void CatalogueServiceTest::copySurvivesACrashWhileSaving()
+{
+    // Every change of the disk is once the last that works.
+    std::atomic<int> changes;
+    bool fails = true;
+    for (int works = 0; fails; ++works) {
+        init();
+        publish(catalogueText(oldSerial));
+        QCOMPARE(serialAtStart(), oldSerial);
+        publish(catalogueText(newSerial));
+        changes = 0;
+        vl::setFileFault([&](vl::FileOperation what, const std::filesystem::path&) {
+            const bool reads = what == vl::FileOperation::Read || what == vl::FileOperation::Open;
+            return !reads && changes++ >= works ? std::optional<int>(EIO) : std::nullopt;
+        });
+        // The catalogue is good, whether it can be saved or not.
+        QCOMPARE(serialAtStart(), newSerial);
+        vl::setFileFault({});
+        fails = changes > works;
+        server().misbehave("*", {.status = 500});
+        const std::uint64_t kept = serialAtStart();
+        QVERIFY2(kept == oldSerial || kept == newSerial, std::to_string(works).c_str());
+        // Whatever was lost is made good by the next start, the memory of the serial too.
+        server().reset();
+        QCOMPARE(serialAtStart(), newSerial);
+        publish(catalogueText(oldSerial));
+        std::filesystem::remove(m_fixture->root() / "catalogue" / "catalogue.json");
+        QCOMPARE(serialAtStart(), 0U);
+    }
+    QVERIFY(changes > 5);
 }
 
 QTEST_GUILESS_MAIN(CatalogueServiceTest)

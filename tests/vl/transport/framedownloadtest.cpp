@@ -12,14 +12,15 @@
 using testsupport::Misbehaviour;
 using vl::Expected;
 
-Q_DECLARE_METATYPE(Misbehaviour)
-
 namespace {
 
 constexpr std::size_t frameSize = 200'000;
 constexpr std::size_t frameCount = 5;
 constexpr std::size_t packSize = frameSize * frameCount;
 const std::vector<std::size_t> allFrames{0, 1, 2, 3, 4};
+
+/// What the server does, the code and the number of requests that come of it, and bytes kept.
+using Case = std::tuple<Misbehaviour, int, int, std::uint64_t>;
 
 } // namespace
 
@@ -93,13 +94,10 @@ void FrameDownloadTest::expectComplete()
 
 void FrameDownloadTest::packsSurviveServers_data()
 {
-    QTest::addColumn<Misbehaviour>("fault");
-    QTest::addColumn<int>("code");
-    QTest::addColumn<int>("requests");
-    QTest::addColumn<quint64>("kept");
-    const auto row = [](const char* name, Misbehaviour fault, int code, int requests,
-                        std::size_t keptFrames) {
-        QTest::newRow(name) << fault << code << requests << quint64(keptFrames * frameSize);
+    QTest::addColumn<Case>("row");
+    const auto row = [](const char* name, const Misbehaviour& fault, int code, int requests,
+                        std::size_t frames) {
+        QTest::newRow(name) << Case{fault, code, requests, frames * frameSize};
     };
     row("good", {}, vlupd::OK, 1, 5);
     row("cut for ever", {.cutAfter = 450'000}, vlupd::OK, 3, 5);
@@ -112,23 +110,21 @@ void FrameDownloadTest::packsSurviveServers_data()
 
 void FrameDownloadTest::packsSurviveServers()
 {
-    QFETCH(Misbehaviour, fault);
-    QFETCH(int, code);
-    QFETCH(int, requests);
-    QFETCH(quint64, kept);
+    QFETCH(Case, row);
+    const auto& [fault, code, requests, kept] = row;
     m_fixture.server().misbehave('/' + m_path, fault);
     const auto result = download();
     const std::string words = result ? std::string() : result.error().message;
     QVERIFY2((result ? vlupd::OK : result.error().code) == code, words.c_str());
     QCOMPARE(m_fixture.server().requests(), requests);
-    QCOMPARE(quint64(vl::arrivedBytes(m_part, m_pack.frames, allFrames)), kept);
+    QCOMPARE(vl::arrivedBytes(m_part, m_pack.frames, allFrames), kept);
     if (code == vlupd::BROKEN_OR_MISSING)
         QVERIFY2(words.find("at byte 400000") != std::string::npos, words.c_str());
     // Whatever happened, the next run goes on with what is there.
     const testsupport::HttpServer good(m_fixture.folder());
     QVERIFY(download(good.address()));
     expectComplete();
-    QCOMPARE(quint64(good.bytesSent()), packSize - kept);
+    QCOMPARE(good.bytesSent(), packSize - kept);
 }
 
 void FrameDownloadTest::partFilesAreVerified_data()

@@ -33,17 +33,10 @@ private:
 };
 
 /// An operation with a log of its own.
-class LoggedOperation
+struct LoggedOperation
 {
-public:
-    explicit LoggedOperation(vl::Operation::Progress progress = {})
-        : m_operation(m_log, std::move(progress))
-    {
-    }
-    vl::Operation& operator*() { return m_operation; }
-    vl::Operation* operator->() { return &m_operation; }
+    vl::Operation& operator*() { return operation; }
 
-private:
-    vl::Log m_log;
-    vl::Operation m_operation;
+    vl::Log log;
+    vl::Operation operation{log};
 };
