@@ -32,6 +32,8 @@ MenuDialog::MenuDialog(QWidget* parent) : QDialog(parent), ui(std::make_unique<U
 {
     ui->setupUi(this);
     setWindowFlags(Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint);
+    // Or the layout enlarges the fixed size of a page that grows, if that equals its own minimum.
+    ui->gridLayout_2->setSizeConstraint(QLayout::SetNoConstraint);
 
     connect(ui->closeButton, &QPushButton::clicked, this, [this] { setVisible(false); });
     connect(ui->attachFileButton, &QPushButton::clicked, this, &MenuDialog::attachFiles);

@@ -160,14 +160,17 @@ void VersionHistoryTest::build()
 
 void VersionHistoryTest::selection()
 {
-    writeDescriptions(R"({"2": {"fixes": []}, "1": {"fixes": ["<b>&amp;"]}})");
+    writeDescriptions(
+        R"({"2-wider-than-its-column": {"fixes": []}, "1": {"fixes": ["<b>&amp;"]}})");
     m_dialog->switchToPage(2);
+    const QSize fitted = m_dialog->size();
     auto* first = buttons().at(0);
     auto* second = buttons().at(1);
     const QString plain = second->styleSheet();
     QTRY_VERIFY(!first->isEnabled());
     QCOMPARE(stack()->currentIndex(), 0);
     QCOMPARE(first->transparency(), 1.0);
+    QCOMPARE(m_dialog->size(), fitted); // the page was fitted before it was built
 
     second->click();
     QCOMPARE(stack()->currentIndex(), 1);
