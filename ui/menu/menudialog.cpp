@@ -49,9 +49,9 @@ MenuDialog::MenuDialog(QWidget* parent) : QDialog(parent), ui(std::make_unique<U
             [this](int state) { onShowSpecialStateChanged(static_cast<Qt::CheckState>(state)); });
 #endif
 
-    // The fields' fixed heights leave no room for the documents' usual margins.
+    // The subject's fixed height leaves no room for the usual margin; both texts begin at one edge.
     ui->reportHeaderTextEdit->document()->setDocumentMargin(1);
-    ui->installationPathTextEdit->document()->setDocumentMargin(0);
+    ui->reportBodyTextEdit->document()->setDocumentMargin(1);
     ui->settingsStatusLabel->hide();
     ui->reportStatusLabel->hide();
     ui->changeInstallationPathButton->hide();
