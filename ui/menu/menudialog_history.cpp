@@ -30,6 +30,9 @@ const std::array<Section, 3>& sections()
     return list;
 }
 
+/// Room for either style, so that nothing moves when a version is selected.
+constexpr int versionButtonHeight = 32;
+
 /// A scroll area that does not ask its contents for their size: the stack would lay out every
 /// version's texts to find the largest.
 class DescriptionScrollArea final : public QScrollArea
@@ -111,6 +114,8 @@ bool MenuDialog::addVersionDescription(const QString& version)
     button->setStyleSheet(styles::versionButton);
     button->animateTransparency(0.5, 1.0);
     button->setText(version);
+    button->setToolTip(version); // the column may be too narrow for the text
+    button->setMinimumHeight(versionButtonHeight);
     ui->versionsLayout->addWidget(button);
     // Counts the layout too; the selection takes both off again.
     const int index = static_cast<int>(ui->versionButtonsFrame->children().size());

@@ -152,6 +152,10 @@ void SemiTransparentButton::initStyleOption(QStyleOptionButton* option) const
     QPushButton::initStyleOption(option);
     if (needsGap())
         option->text.prepend(u' ');
+    // Nothing else cuts a text that is too long for the button with a mark.
+    const int room = style()->subElementRect(QStyle::SE_PushButtonContents, option, this).width();
+    if (icon().isNull() && option->fontMetrics.horizontalAdvance(option->text) > room)
+        option->text = option->fontMetrics.elidedText(option->text, Qt::ElideRight, room);
 }
 
 bool SemiTransparentButton::needsGap() const
