@@ -3,9 +3,12 @@
 #include <QEvent>
 #include <QGraphicsOpacityEffect>
 #include <QKeyEvent>
+#include <QPainter>
+#include <QPixmap>
 #include <QRegularExpression>
 #include <QStyle>
 #include <QStyleOptionButton>
+#include <QStylePainter>
 
 namespace {
 
@@ -21,10 +24,18 @@ QString colourRule(QLatin1String property, const QColor& colour)
         .arg(colour.alpha());
 }
 
+/// Carries the opacity and leaves the painting to the button: drawn by the effect itself, each
+/// button has Qt go through all widgets of its window first, hidden pages included.
+class FaceOpacity final : public QGraphicsOpacityEffect
+{
+protected:
+    void draw(QPainter* painter) override { drawSource(painter); }
+};
+
 } // namespace
 
 SemiTransparentButton::SemiTransparentButton(QWidget* parent)
-    : QPushButton(parent), m_opacityEffect(new QGraphicsOpacityEffect),
+    : QPushButton(parent), m_opacityEffect(new FaceOpacity),
       m_transparencyAnimation(this, "transparency"), m_textColorAnimation(this, "textColor"),
       m_backgroundColorAnimation(this, "backgroundColor")
 {
@@ -143,7 +154,19 @@ void SemiTransparentButton::keyPressEvent(QKeyEvent* event)
 
 void SemiTransparentButton::paintEvent(QPaintEvent* event)
 {
-    QPushButton::paintEvent(event);
+    if (m_opacityEffect->isEnabled()) {
+        QPixmap face(size() * devicePixelRatioF());
+        face.setDevicePixelRatio(devicePixelRatioF());
+        face.fill(Qt::transparent);
+        QStyleOptionButton option;
+        initStyleOption(&option);
+        QStylePainter(&face, this).drawControl(QStyle::CE_PushButton, option);
+        QPainter painter(this);
+        painter.setOpacity(m_opacityEffect->opacity());
+        painter.drawPixmap(QPoint(), face);
+    } else {
+        QPushButton::paintEvent(event);
+    }
     m_focusRing.paint(*this);
 }
 
