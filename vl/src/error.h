@@ -2,12 +2,12 @@
 
 #include "vlupd/vlupd.h"
 
-#include <string>
 #include <tl/expected.hpp>
+
+#include <string>
 #include <utility>
 
-namespace vl
-{
+namespace vl {
 
 /// A failure: the code that the operation returns and the English words for the log. Callers add
 /// context in front of the message on the way up.
