@@ -36,8 +36,7 @@ struct DeltaChain::Step
 
 DeltaChain::DeltaChain(const RootLayout& layout, DeltaPlan plan, FilePlace base, const TreeId& id,
                        const OpenSource& openSource, Operation& operation)
-    : m_layout(layout), m_base(std::move(base)), m_id(id), m_openSource(openSource),
-      m_operation(operation)
+    : m_layout(layout), m_base(std::move(base)), m_openSource(openSource), m_operation(operation)
 {
     for (DeltaStep& delta : plan.steps) {
         auto step = std::make_unique<Step>();

@@ -55,7 +55,6 @@ private:
 
     const RootLayout& m_layout;
     const FilePlace m_base;
-    const TreeId& m_id;
     const OpenSource& m_openSource;
     Operation& m_operation;
     std::vector<std::unique_ptr<Step>> m_steps;
