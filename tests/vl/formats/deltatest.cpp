@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-Q_DECLARE_METATYPE(std::string)
-
 namespace {
 
 std::span<const std::byte> bytesOf(const std::string& text)
@@ -52,9 +50,9 @@ private:
 void DeltaTest::malformedIndexes_data()
 {
     QTest::addColumn<std::string>("text");
-    QTest::addColumn<QString>("words");
+    QTest::addColumn<std::string>("words");
     const auto row = [](const char* name, const std::string& text, const char* words) {
-        QTest::newRow(name) << text << QString::fromLatin1(words);
+        QTest::newRow(name) << text << std::string(words);
     };
     const std::string good = line(10, "[0,0,300]", "[0,0,100]");
     row("good", head + line(4, "[0,0,200]", "[]") + line(6, "[0,200,100,1,0,20]", "[1,7,9]"), "");
@@ -84,13 +82,12 @@ void DeltaTest::malformedIndexes_data()
 void DeltaTest::malformedIndexes()
 {
     QFETCH(std::string, text);
-    QFETCH(QString, words);
+    QFETCH(std::string, words);
     vl::DeltaReference reference;
     reference.size = 10;
     const auto index = vl::readDeltaIndex(text, reference, m_base, m_target);
-    const QString fault = index ? QString() : QString::fromStdString(index.error().message);
-    QCOMPARE(index.has_value(), words.isEmpty());
-    QVERIFY2(fault.contains(words), qPrintable(fault));
+    const std::string fault = index ? std::string() : index.error().message;
+    QVERIFY2(words.empty() ? fault.empty() : fault.find(words) != fault.npos, fault.c_str());
     if (index)
         QCOMPARE(vl::writeDeltaIndex(*index), text);
     else

@@ -66,6 +66,7 @@ private:
         return root;
     }
 
+    const QString m_program = QCoreApplication::applicationFilePath();
     std::unique_ptr<Releases> m_releases;
     std::unique_ptr<Installed> m_original;
 };
@@ -152,11 +153,10 @@ void InstallFaultTest::failOneByOne(const std::string& target, bool dies)
 
 void InstallFaultTest::killed()
 {
-    const QString program = QCoreApplication::applicationFilePath();
     const auto measured = oldRoot();
     QElapsedTimer timer;
     timer.start();
-    QCOMPARE(QProcess::execute(program, childArguments(*measured, "install", "3.0.0")), 0);
+    QCOMPARE(QProcess::execute(m_program, childArguments(*measured, "install", "3.0.0")), 0);
     const qint64 whole = timer.elapsed();
 
     // More by night: VARNEL_CRASH_ROUNDS=200.
@@ -165,7 +165,7 @@ void InstallFaultTest::killed()
         const auto root = oldRoot();
         const qint64 moment = QRandomGenerator::global()->bounded(whole + whole / 4 + 1);
         QProcess child;
-        child.start(program, childArguments(*root, "install", "3.0.0"));
+        child.start(m_program, childArguments(*root, "install", "3.0.0"));
         QVERIFY(child.waitForStarted());
         child.waitForFinished(static_cast<int>(moment));
         child.kill();
@@ -185,7 +185,6 @@ void InstallFaultTest::killed()
 
 void InstallFaultTest::twoProcesses()
 {
-    const QString program = QCoreApplication::applicationFilePath();
     Installed it(*m_releases);
     std::vector<int> codes;
     Recorder recorder;
@@ -193,7 +192,7 @@ void InstallFaultTest::twoProcesses()
         if (codes.empty() && report.stage == 2)
             for (const char* operation : {"install", "remove", "list"})
                 codes.push_back(
-                    QProcess::execute(program, childArguments(it.root, operation, "1.0.0")));
+                    QProcess::execute(m_program, childArguments(it.root, operation, "1.0.0")));
         return true;
     };
     QCOMPARE(it.library.installVersion("2.0.0", recorder.progress(), recorder.stage()), vlupd::OK);

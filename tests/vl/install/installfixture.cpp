@@ -122,12 +122,16 @@ Root::Root(const Releases& releases, const std::string& repository, bool inMemor
     writeFile(path() / "vl.json", config.dump());
 }
 
+fs::path Root::tree() const
+{
+    const auto installed = vlupd::VLUPD(path(), true, nullptr).getInstalledVersions();
+    return installed.empty() ? std::string() : installed.begin()->second.installDirectory;
+}
+
 QString Root::leftovers() const
 {
     QStringList found;
-    std::string folder;
-    for (const auto& [version, record] : vlupd::VLUPD(path(), true, nullptr).getInstalledVersions())
-        folder = fs::path(record.installDirectory).filename().string();
+    const std::string folder = tree().filename();
     for (const char* place : {".", "versions", "downloads", "manifests", "catalogue"}) {
         const std::string name = place;
         for (const auto& entry : need(vl::listDirectory(path() / name))) {
@@ -167,8 +171,8 @@ std::streamsize LogLines::xsputn(const char* text, std::streamsize count)
     return count;
 }
 
-Installed::Installed(const Releases& releases, const std::string& version, bool inMemory)
-    : root(releases, {}, inMemory), library(root.path(), false, &log)
+Installed::Installed(const Releases& releases, const std::string& version)
+    : root(releases, {}, true), library(root.path(), false, &log)
 {
     if (!version.empty() && library.installVersion(version, {}, {}) != vlupd::OK)
         throw std::runtime_error(log.text());

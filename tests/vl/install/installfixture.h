@@ -61,6 +61,8 @@ public:
                   bool inMemory = false);
 
     std::filesystem::path path() const { return pathOf(m_directory); }
+    /// The folder of the installed version; empty when there is none.
+    std::filesystem::path tree() const;
     /// Everything below that an ended operation may leave behind for ever is gone again.
     QString leftovers() const;
     std::set<std::string> partFiles() const;
@@ -85,14 +87,7 @@ protected:
 /// A root with an open library whose log is kept; `version`, unless empty, is installed.
 struct Installed
 {
-    explicit Installed(const Releases& releases, const std::string& version = "1.0.0",
-                       bool inMemory = true);
-
-    /// The folder of the installed version.
-    std::filesystem::path folder()
-    {
-        return library.getInstalledVersions().begin()->second.installDirectory;
-    }
+    explicit Installed(const Releases& releases, const std::string& version = "1.0.0");
 
     Root root;
     LogLines log;

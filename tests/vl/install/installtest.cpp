@@ -69,7 +69,7 @@ void InstallTest::initTestCase()
 
 void InstallTest::installs()
 {
-    Installed it(*m_releases, "", false);
+    Installed it(*m_releases, "");
     QVERIFY(it.library.getInstalledVersions().empty());
     QCOMPARE(it.library.removeVersion("1.0.0"), vlupd::NOT_FOUND);
     QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::NOT_FOUND);
@@ -77,14 +77,13 @@ void InstallTest::installs()
 
     for (const std::string version : {"1.0.0", "1.10.0", "1.0.0"}) {
         Recorder recorder;
-        const int result =
-            it.library.installVersion(version, recorder.progress(), recorder.stage());
-        QVERIFY2(result == vlupd::OK, it.log.text().c_str());
+        QCOMPARE(it.library.installVersion(version, recorder.progress(), recorder.stage()),
+                 vlupd::OK);
         QCOMPARE(recorder.fault(), QString());
         QCOMPARE(promiseFault(it.root, *m_releases, {version}), QString());
         QCOMPARE(it.root.leftovers(), QString());
         const auto program = it.library.getAppExecutablePath(version, "default_exec");
-        QVERIFY(program && program->is_absolute() && *program == it.folder() / "bin/simulator");
+        QVERIFY(program && program->is_absolute() && *program == it.root.tree() / "bin/simulator");
         QCOMPARE(fs::status(*program).permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
         QVERIFY(!it.library.getAppExecutablePath(version, "other_exec"));
         QVERIFY(!it.library.getAppExecutablePath("1.5.0", "default_exec"));
@@ -95,7 +94,7 @@ void InstallTest::installs()
     QVERIFY(recorder.reports.empty());
     QCOMPARE(it.library.installVersion("7.0.0", {}, {}), vlupd::NOT_FOUND);
     QVERIFY(it.log.contains("installVersion 7.0.0: the catalogue lists no such version"));
-    fs::remove_all(it.folder());
+    fs::remove_all(it.root.tree());
     QCOMPARE(it.library.removeVersion("1.0.0"), vlupd::OK);
     QCOMPARE(it.root.leftovers(), QString());
     VLUPD nowhere(it.root.path() / "missing", false, &it.log);
@@ -106,7 +105,7 @@ void InstallTest::installs()
 void InstallTest::userFilesMoveAlong()
 {
     Installed it(*m_releases);
-    const fs::path old = it.folder();
+    const fs::path old = it.root.tree();
     writeFile(old / "полёты/мой.txt", "mine");
     writeFile(old / "notes.txt", "my notes");
     writeFile(old / "bin/simulator", "damaged, but not the user's");
@@ -116,14 +115,14 @@ void InstallTest::userFilesMoveAlong()
     Files expected = newFiles;
     expected["полёты/мой.txt"] = "mine";
     expected["notes.txt.user"] = "my notes";
-    QVERIFY(filesIn(it.folder()) == expected);
+    QVERIFY(filesIn(it.root.tree()) == expected);
     QCOMPARE(it.library.checkFiles("1.10.0", std::nullopt), vlupd::OK);
     QVERIFY(!fs::exists(old));
 
     // On the way back a user's file meets a name that is a file there and a folder here.
-    writeFile(it.folder() / "replaced/mine.txt", "mine too");
+    writeFile(it.root.tree() / "replaced/mine.txt", "mine too");
     QCOMPARE(it.library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    const Files kept = filesIn(it.folder());
+    const Files kept = filesIn(it.root.tree());
     QCOMPARE(kept.at("replaced.user/mine.txt"), std::string("mine too"));
     QCOMPARE(kept.at("replaced"), oldFiles.at("replaced"));
     QCOMPARE(kept.at("notes.txt.user"), std::string("my notes"));
@@ -205,7 +204,7 @@ void InstallTest::damageIsFound()
     QFETCH(Damage, damage);
     const auto& [expected, words, change, subfolder] = damage;
     Installed it(*m_releases);
-    change(it.folder());
+    change(it.root.tree());
     QVERIFY(it.library.getInstalledVersions().contains("1.0.0"));
     QCOMPARE(int(it.library.checkFiles("1.0.0", subfolder)), expected);
     QVERIFY2(it.log.contains(words), it.log.text().c_str());

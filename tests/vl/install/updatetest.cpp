@@ -12,12 +12,12 @@ using testsupport::HttpServer;
 using testsupport::Misbehaviour;
 using vlupd::VLUPD;
 
-Q_DECLARE_METATYPE(Files)
-Q_DECLARE_METATYPE(Misbehaviour)
-
 namespace {
 
 constexpr std::size_t mebibyte = 1U << 20U;
+
+/// Whether the index or else the delta suffers, what the server does, and the number of requests.
+using Case = std::tuple<bool, Misbehaviour, int>;
 
 std::string edited(std::string bytes)
 {
@@ -58,19 +58,10 @@ struct Scene
         Recorder& reports = recorder != nullptr ? *recorder : own;
         const int result = VLUPD(root->path(), false, &log)
                                .installVersion(version, reports.progress(), reports.stage());
-        if (const QString fault = promiseFault(*root, releases, {version}); !fault.isEmpty())
+        const QString fault = promiseFault(*root, releases, {version});
+        if (!fault.isEmpty())
             qWarning() << fault << log.text().c_str();
-        else
-            return result;
-        return -1;
-    }
-    fs::path installed(const std::string& file) const
-    {
-        return fs::path(VLUPD(root->path(), true, nullptr)
-                            .getInstalledVersions()
-                            .begin()
-                            ->second.installDirectory) /
-               file;
+        return fault.isEmpty() ? result : -1;
     }
     std::uint64_t packBytes(const std::string& version) const
     {
@@ -153,11 +144,9 @@ void UpdateTest::treeChanges()
 
 void UpdateTest::plansHandOver_data()
 {
-    QTest::addColumn<bool>("index");
-    QTest::addColumn<Misbehaviour>("fault");
-    QTest::addColumn<int>("requests");
-    const auto row = [](const char* name, bool index, Misbehaviour fault, int requests) {
-        QTest::newRow(name) << index << fault << requests;
+    QTest::addColumn<Case>("row");
+    const auto row = [](const char* name, bool index, const Misbehaviour& fault, int requests) {
+        QTest::newRow(name) << Case{index, fault, requests};
     };
     row("index gone", true, {.status = 404}, 1);
     row("index damaged", true, {.flipByteAt = 20}, 1);
@@ -170,9 +159,8 @@ void UpdateTest::plansHandOver_data()
 
 void UpdateTest::plansHandOver()
 {
-    QFETCH(bool, index);
-    QFETCH(Misbehaviour, fault);
-    QFETCH(int, requests);
+    QFETCH(Case, row);
+    const auto& [index, fault, requests] = row;
     Scene scene;
     Files files = oldFiles();
     scene.releases.publish("1.0.0", files);
@@ -211,7 +199,7 @@ void UpdateTest::damagedBase()
     files["data/3"] = edited(files["data/3"]);
     scene.releases.publish("2.0.0", files);
     scene.install("1.0.0");
-    const fs::path place = scene.installed(file.toStdString());
+    const fs::path place = scene.root->tree() / file.toStdString();
     fs::remove(place);
     if (!contents.isNull())
         writeFile(place, contents.toStdString());
@@ -258,7 +246,7 @@ void UpdateTest::repairFetchesOneFrame()
     const auto& frames = scene.releases.manifest("1.0.0").pack.frames;
     QVERIFY(frames.size() >= 3);
     scene.install("1.0.0");
-    writeFile(scene.installed("large/1"), "broken");
+    writeFile(scene.root->tree() / "large/1", "broken");
     QCOMPARE(scene.update("1.0.0"), vlupd::OK);
     const std::uint64_t largest = std::ranges::max(frames, {}, &vl::Frame::size).size;
     QVERIFY(scene.packBytes("1.0.0") <= largest);

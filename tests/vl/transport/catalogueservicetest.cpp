@@ -166,8 +166,9 @@ void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
     }
     // The copy may be put back from a backup or damaged: the memory of the serial counts.
     const auto copy = m_fixture->root() / "catalogue" / "catalogue.json";
-    QVERIFY(vl::writeWholeFile(copy, catalogueText(oldSerial)));
-    QVERIFY(vl::writeWholeFile(copy.string() + ".minisig", signatureOf(catalogueText(oldSerial))));
+    const std::string old = catalogueText(oldSerial);
+    QVERIFY(vl::writeWholeFile(copy, old));
+    QVERIFY(vl::writeWholeFile(copy.string() + ".minisig", signatureOf(old)));
     QCOMPARE(serialAtStart(), 0U);
     QCOMPARE(int(m_error->code), int(vlupd::UPDATER_DATA_ERROR));
     server().stop();
@@ -175,7 +176,7 @@ void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
     QCOMPARE(serialAtStart(), 0U);
     // A damaged memory is no reason to refuse everything.
     QVERIFY(vl::writeWholeFile(copy.parent_path() / "seen.json", "{"));
-    QVERIFY(vl::writeWholeFile(copy, catalogueText(oldSerial)));
+    QVERIFY(vl::writeWholeFile(copy, old));
     QCOMPARE(serialAtStart(), oldSerial);
 }
 
