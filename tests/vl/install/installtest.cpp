@@ -313,6 +313,7 @@ void InstallTest::downloadsAreCleaned()
     QVERIFY(!stay({"other.part"}, 1h, 30min));
     QVERIFY(stay(needed, 13 * 24h, 30min));
     QVERIFY(!stay(needed, 15 * 24h, 30min));
+    QCOMPARE(it.root.leftovers(), QString());
 }
 
 QTEST_GUILESS_MAIN(InstallTest)

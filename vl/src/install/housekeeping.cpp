@@ -160,14 +160,19 @@ bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operati
         return logged(tl::unexpected(entries.error()), operation);
     const auto journal = readJournal(layout);
     bool all = true;
+    bool someNeeded = false;
     for (const TreeEntry& entry : *entries) {
         const auto path = layout.downloads() / fromUtf8(entry.path);
-        const auto life = journal && journal->needs(entry.path)
-                              ? std::max<std::chrono::minutes>(age, journalLife)
-                              : age;
+        const bool needed = journal && journal->needs(entry.path);
+        const auto life = needed ? std::max<std::chrono::minutes>(age, journalLife) : age;
         if (entry.info.kind == FileKind::File && isOlder(entry.info, life))
             all = logged(removeFile(path), operation) && all;
+        else
+            someNeeded = someNeeded || needed;
     }
+    // What nothing is left of need not be remembered, nor its manifest be kept.
+    if (journal && !someNeeded)
+        all = logged(removeFile(layout.journalFile()), operation) && all;
     return all;
 }
 

@@ -20,7 +20,8 @@ Expected<State> takeOverState(const RootLayout& layout, Operation& operation);
 void tidyUp(const RootLayout& layout, const State& state, Operation& operation);
 
 /// Removes download files older than `age` except those that the journal names, which may be 14
-/// days old. False when a file could not be removed. The caller holds the lock.
+/// days old; the journal goes with the last of them. False when a file could not be removed. The
+/// caller holds the lock.
 bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operation& operation);
 
 /// Removes every download file but those that `kept` needs, for the sake of space.
