@@ -103,7 +103,7 @@ void Releases::publish(const std::string& version, const Files& files,
 std::pair<std::string, std::uint64_t> Releases::pack(const std::string& version) const
 {
     const vl::Pack pack = manifest(version).pack;
-    return {"/" + vl::packPath(pack.hash), pack.size};
+    return {std::string("/") + vl::packPath(pack.hash), pack.size};
 }
 
 vl::Manifest Releases::manifest(const std::string& version) const

@@ -69,7 +69,7 @@ struct Scene
     }
     std::string deltaPath(const std::string& version) const
     {
-        return "/" + vl::deltaPath(releases.manifest(version).deltas.at(0).hash);
+        return std::string("/") + vl::deltaPath(releases.manifest(version).deltas.at(0).hash);
     }
 };
 
@@ -168,7 +168,8 @@ void UpdateTest::plansHandOver()
     scene.releases.publish("2.0.0", files);
     scene.install("1.0.0");
     const std::string path =
-        index ? "/" + vl::deltaIndexPath(scene.releases.manifest("2.0.0").deltas.at(0).indexHash)
+        index ? std::string("/") +
+                    vl::deltaIndexPath(scene.releases.manifest("2.0.0").deltas.at(0).indexHash)
               : scene.deltaPath("2.0.0");
     scene.server->misbehave(path, fault);
     QCOMPARE(scene.update("2.0.0"), vlupd::OK);
@@ -271,7 +272,7 @@ void UpdateTest::deltaIsResumed()
     scene.server->reset();
     QCOMPARE(scene.update("2.0.0"), vlupd::OK);
     QVERIFY(scene.server->bytesSent(scene.deltaPath("2.0.0")) < delta.size / 2);
-    QCOMPARE(scene.server->requests("/" + vl::deltaIndexPath(delta.indexHash)), 0);
+    QCOMPARE(scene.server->requests(std::string("/") + vl::deltaIndexPath(delta.indexHash)), 0);
     QCOMPARE(scene.root->leftovers(), QString());
 }
 
