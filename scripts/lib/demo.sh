@@ -1,19 +1,22 @@
 # shellcheck shell=bash disable=SC2154
-# Builds the program and publishes the sample releases below build/demo. Sourced after common.sh.
+# Builds the program, publishes the sample releases below build/demo and receives reports there.
+# Sourced after common.sh.
 # VARNEL_BUILD_DIR and VARNEL_DEMO_DIR name other folders, for a program that is built already.
 
 build=${VARNEL_BUILD_DIR:-$project/build/release}
 demo=${VARNEL_DEMO_DIR:-$project/build/demo}
 releases=$demo/releases
+reports=$demo/reports
 secret_key=$demo/keys/demo.key
 public_key=$demo/keys/demo.pub
 
 build_program() {
     say "Building"
-    (cd "$project" && cmake --preset release -DBUILD_TESTING=OFF >"$project/build/configure.log") ||
+    (cd "$project" && cmake --preset release -DBUILD_TESTING=OFF -DVARNEL_BUG_REPORT=ON \
+        >"$project/build/configure.log") ||
         fail "configuring; see build/configure.log"
     (cd "$project" && cmake --build --preset release --target \
-        varnel-launcher vl vl-publish sample-simulator make-sample-release)
+        varnel-launcher vl vl-publish report-collector sample-simulator make-sample-release)
 }
 
 # published VERSION
@@ -68,4 +71,17 @@ install_launcher() {
 JSON
     cmake --install "$build" --prefix "$folder" >"$demo/install.log" ||
         fail "installing; see build/demo/install.log"
+}
+
+collector_log=$demo/report-collector.log
+collector_listens() { grep -q ' Listening on ' "$collector_log"; }
+collector_listens_or_gone() { collector_listens || ! kill -0 "$collector"; }
+
+# Receives the launcher's reports; sets `collector`, the id of a process that the caller ends. Fails
+# where another program has taken the port.
+start_collector() {
+    "$build/bin/report-collector" --folder "$reports" >"$collector_log" 2>&1 &
+    collector=$!
+    wait_until 10 "the report collector" collector_listens_or_gone
+    collector_listens
 }
