@@ -1,4 +1,4 @@
-# shellcheck shell=bash disable=SC2034,SC2154
+# shellcheck shell=bash disable=SC2034,SC2153,SC2154
 # A virtual desktop and the hands and eyes of its user: mouse, keyboard, screenshots. Nothing here
 # looks inside a program. Sourced after common.sh; sets the trap that ends what it started.
 
@@ -6,6 +6,7 @@ desktop_work=$(mktemp -d)
 desktop_processes=()
 launcher=    # process id
 main_window= # X window id
+menu=        # the side menu's, once it has been opened
 scale=1
 step=0
 
@@ -36,7 +37,8 @@ desktop_start() {
     wait_until 20 "the virtual display" test -s "$desktop_work/display"
     DISPLAY=:$(cat "$desktop_work/display")
     export DISPLAY
-    unset WAYLAND_DISPLAY
+    # No desktop's own file dialog: the same one everywhere.
+    unset WAYLAND_DISPLAY XDG_CURRENT_DESKTOP DESKTOP_SESSION KDE_FULL_SESSION QT_QPA_PLATFORMTHEME
     export QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR=$scale LC_ALL=C.UTF-8
     export XDG_RUNTIME_DIR=$desktop_work/runtime
     mkdir -m 700 "$XDG_RUNTIME_DIR"
@@ -51,6 +53,7 @@ desktop_start() {
 # launcher_start FOLDER: from a directory of its own, because the folder must run from anywhere.
 launcher_start() {
     log=$1/current.log
+    menu=
     log_mark
     park_pointer
     (cd / && exec "$1/varnel-launcher") 2>"$desktop_work/launcher.log" &
@@ -63,8 +66,9 @@ launcher_start() {
 
 launcher_gone() { ! kill -0 "$launcher" 2>/dev/null; }
 launcher_shown_or_gone() { window_named '^Varnel Simulator$' || launcher_gone; }
-window_named() { xdotool search --onlyvisible --name "$1" 2>/dev/null | tail -n 1 | grep .; }
-dialog() { window_named '^Dialog$'; }
+windows_named() { xdotool search --onlyvisible --name "$1" 2>/dev/null; }
+window_named() { windows_named "$1" | tail -n 1 | grep .; }
+dialog() { windows_named '^Dialog$' | grep -vx "${menu:-none}" | tail -n 1 | grep .; }
 no_dialog() { ! dialog; }
 simulator_processes() { [ -z "${log:-}" ] || pgrep -f "^${log%/*}/.*/sample-simulator" || true; }
 
@@ -93,6 +97,22 @@ shot() {
 
 # geometry WINDOW: sets X Y WIDTH HEIGHT in device pixels.
 geometry() { eval "$(xdotool getwindowgeometry --shell "$1" | grep -E '^(X|Y|WIDTH|HEIGHT)=')"; }
+
+# area_of X Y WIDTH HEIGHT: of the window whose geometry was asked for last, in units of its layout
+# (negative places count from the far edge), as the image processor wants it.
+area_of() {
+    local x=$(($1 * scale)) y=$(($2 * scale))
+    [ $x -ge 0 ] || x=$((WIDTH + x))
+    [ $y -ge 0 ] || y=$((HEIGHT + y))
+    echo "$(($3 * scale))x$(($4 * scale))+$x+$y"
+}
+
+# look_at WINDOW X Y WIDTH HEIGHT: a text that is equal for equal pictures of the area.
+look_at() {
+    geometry "$1"
+    import -silent -window "$1" ppm:- |
+        picture - -crop "$(area_of "${@:2}")" +repage -format '%#' info:
+}
 
 # click WINDOW X Y: in units of the window's layout; negative ones count from the far edge.
 click() {
