@@ -76,17 +76,19 @@ QString progressTimeText(std::uint64_t bytesPerSecond, std::uint64_t bytesDownlo
         return {};
     const std::uint64_t bytesLeft = bytesDownloaded < totalBytes ? totalBytes - bytesDownloaded : 0;
     const std::uint64_t secondsLeft = bytesLeft / bytesPerSecond;
-    const auto text = [secondsLeft](std::uint64_t unit, QStringView name) -> QString {
-        return QStringLiteral("Осталось примерно\t") %
-               fixedPoint(double(secondsLeft) / double(unit), 0) % name;
+    const auto text = [](const QString& number, QStringView name) -> QString {
+        return QStringLiteral("Осталось примерно\t") % number % name;
+    };
+    const auto inUnit = [secondsLeft](std::uint64_t unit) {
+        return fixedPoint(double(secondsLeft) / double(unit), 0);
     };
     if (secondsLeft > secondsPerDay)
-        return text(secondsPerDay, u"\tдн");
+        return text(inUnit(secondsPerDay), u"\tдн");
     if (secondsLeft > secondsPerHour)
-        return text(secondsPerHour, u"\tч");
+        return text(inUnit(secondsPerHour), u"\tч");
     if (secondsLeft > secondsPerMinute)
-        return text(secondsPerMinute, u"\tмин");
-    return text(1, u"\tсек");
+        return text(inUnit(secondsPerMinute), u"\tмин");
+    return text(QString::number(secondsLeft), u"\tсек");
 }
 
 double progressPercentage(std::uint64_t bytesDownloaded, std::uint64_t totalBytes)
