@@ -150,6 +150,7 @@ std::vector<std::string> defaultDeltaBases(const Catalogue& catalogue, const std
     std::ranges::sort(lower, [](const auto& a, const auto& b) { return b < a; });
     lower.resize(std::min(lower.size(), defaultBaseCount), SemanticVersion(version));
     std::vector<std::string> keys;
+    keys.reserve(lower.size());
     for (const SemanticVersion& key : lower)
         keys.push_back(key.String());
     return keys;

@@ -72,8 +72,8 @@ Expected<void> checkNotListed(const Catalogue& catalogue, const std::string& ver
                            " is already listed; remove it first, or "
                            "publish the new files as another version");
         if (foldPath(key) == foldPath(version))
-            return refused("version " + version + " differs from the listed " + key +
-                           " in nothing but case or Unicode form");
+            return refused(std::string("version ").append(version) + " differs from the listed " +
+                           key + " in nothing but case or Unicode form");
     }
     return {};
 }
