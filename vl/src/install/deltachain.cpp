@@ -21,8 +21,8 @@ struct DeltaChain::Step
     std::vector<FileCopy> kept;    ///< files of the target that lie in the base as they are
     std::filesystem::path tree;    ///< where the made files go
     std::filesystem::path partFile;
-    std::unique_ptr<DeltaUnpacker> unpacker;
-    FilePlace base; ///< where the files of the base lie
+    FilePlace base;                          ///< where the files of the base lie
+    std::unique_ptr<DeltaUnpacker> unpacker; ///< goes first: its threads use what stands above
 
     std::filesystem::path placeOf(std::size_t file) const
     {
