@@ -171,9 +171,10 @@ void HttpServer::serve(int socket)
     Request request;
     while (!m_stopping && request.read(socket, buffer)) {
         const Misbehaviour fault = count(request.path);
+        std::this_thread::sleep_for(fault.delay);
         const Answer answer = answerFor(request, fault);
         if (!sendAll(socket, answer.head) || !sendBody(socket, request.path, answer, fault) ||
-            !answer.keepAlive)
+            !answer.keepAlive || fault.closes)
             break;
     }
     ::shutdown(socket, SHUT_RDWR);
@@ -202,6 +203,11 @@ Misbehaviour HttpServer::count(const std::string& path)
 HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehaviour& fault) const
 {
     Answer answer;
+    if (fault.rawAnswer) {
+        answer.head = *fault.rawAnswer;
+        answer.keepAlive = false;
+        return answer;
+    }
     answer.file = m_folder / request.path.substr(1);
     std::error_code error;
     const std::uint64_t size = std::filesystem::file_size(answer.file, error);
@@ -212,7 +218,7 @@ HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehavi
         code = 302;
     else if (error && !fault.body)
         code = 404;
-    std::string headers;
+    std::string headers = fault.headers;
     const auto add = [&headers](const std::string& name, const std::string& value) {
         if (!value.empty())
             headers += name + ": " + value + "\r\n";
@@ -225,8 +231,9 @@ HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehavi
     } else {
         const std::string told = std::to_string(static_cast<std::int64_t>(size) + fault.totalError);
         const auto age = std::filesystem::last_write_time(answer.file, error).time_since_epoch();
-        const std::string etag =
-            '"' + std::to_string(size) + '-' + std::to_string(age.count()) + '"';
+        const std::string etag = !fault.entityTag.empty() ? fault.entityTag
+                                                          : '"' + std::to_string(size) + '-' +
+                                                                std::to_string(age.count()) + '"';
         add("ETag", etag);
         unsigned long long first = 0;
         unsigned long long last = size == 0 ? 0 : size - 1;
@@ -239,9 +246,9 @@ HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehavi
             code = 206;
             answer.first = first;
             answer.end = std::min<std::uint64_t>(last + 1, size);
-            const std::uint64_t shift = fault.wrongContentRange ? 1 : 0;
-            add("Content-Range", "bytes " + std::to_string(answer.first + shift) + '-' +
-                                     std::to_string(answer.end - 1 + shift) + '/' + told);
+            add("Content-Range",
+                fault.contentRange.value_or("bytes " + std::to_string(answer.first) + '-' +
+                                            std::to_string(answer.end - 1) + '/' + told));
         }
         length = static_cast<std::int64_t>(answer.end - answer.first) + fault.lengthError +
                  (code == 200 ? fault.totalError : 0);
@@ -255,7 +262,8 @@ HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehavi
     add("Location", fault.redirectTo);
     add("Content-Type", fault.contentType);
     add("Connection", answer.keepAlive ? "" : "close");
-    add("Content-Length", fault.endless ? "" : std::to_string(length));
+    add("Content-Length", fault.endless || fault.chunked ? "" : std::to_string(length));
+    add("Transfer-Encoding", fault.chunked ? "chunked" : "");
     answer.head = "HTTP/1.1 " + std::to_string(code) + " Scripted\r\n" + headers + "\r\n";
     return answer;
 }
@@ -272,7 +280,10 @@ bool HttpServer::sendBody(int socket, const std::string& path, const Answer& ans
     for (std::uint64_t sent = 0; sent < total;) {
         if (m_stopping || fault.cutAfter == sent || (fault.stallAfter == sent && !stall(socket)))
             return false;
-        std::uint64_t end = std::min(total, sent + pieceSize);
+        if (fault.trickle > 0)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const std::uint64_t most = fault.trickle > 0 ? fault.trickle : pieceSize;
+        std::uint64_t end = std::min(total, sent + most);
         for (const std::uint64_t border :
              {fileBytes, fault.cutAfter.value_or(end), fault.stallAfter.value_or(end)})
             end = border > sent ? std::min(end, border) : end;
@@ -286,13 +297,18 @@ bool HttpServer::sendBody(int socket, const std::string& path, const Answer& ans
             char& byte = piece[static_cast<std::size_t>(*fault.flipByteAt - offset)];
             byte = static_cast<char>(byte ^ 1);
         }
+        if (fault.chunked) {
+            std::ostringstream chunk;
+            chunk << std::hex << piece.size() << "\r\n" << piece << "\r\n";
+            piece = chunk.str();
+        }
         if (!sendAll(socket, piece))
             return false;
         const std::lock_guard lock(m_mutex);
-        m_counts[path].bytes += piece.size();
+        m_counts[path].bytes += end - sent;
         sent = end;
     }
-    return true;
+    return !fault.chunked || sendAll(socket, "0\r\n\r\n");
 }
 
 bool HttpServer::stall(int socket)

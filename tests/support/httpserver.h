@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <filesystem>
@@ -20,21 +21,28 @@ struct Misbehaviour
     int skip = 0;   ///< requests answered well before it begins
     int times = -1; ///< requests it then lasts for; -1: for ever
 
-    int status = 0;                    ///< this status and a short text in place of the file
-    std::string redirectTo{};          ///< a 302 to this address or path
-    std::optional<std::string> body{}; ///< 200 with this text in place of the file, no ranges
+    std::chrono::milliseconds delay{0}; ///< before the answer
+    int status = 0;                     ///< this status and a short text in place of the file
+    std::string redirectTo{};           ///< a 302 to this address or path
+    std::optional<std::string> body{};  ///< 200 with this text in place of the file, no ranges
     std::string contentType{};
+    std::string headers{};                  ///< further header lines, each with its line end
+    std::optional<std::string> rawAnswer{}; ///< these bytes in place of any answer, then hang up
 
-    bool ignoreRange = false;       ///< 200 and the whole file for a Range request
-    bool wrongContentRange = false; ///< 206 that names bytes one further on
-    std::int64_t lengthError = 0;   ///< added to the Content-Length, the body stays right
-    std::int64_t totalError = 0;    ///< added to the size of the file that headers tell
-    std::int64_t bodyError = 0;     ///< bytes the body has too many (zeros) or too few
-    bool endless = false;           ///< no length, and zeros behind the file for ever
+    bool ignoreRange = false;                  ///< 200 and the whole file for a Range request
+    std::optional<std::string> contentRange{}; ///< told in place of the right one; empty: none
+    std::string entityTag{};                   ///< told and compared in place of the right one
+    std::int64_t lengthError = 0; ///< added to the Content-Length, the body stays right
+    std::int64_t totalError = 0;  ///< added to the size of the file that headers tell
+    std::int64_t bodyError = 0;   ///< bytes the body has too many (zeros) or too few
+    bool endless = false;         ///< no length, and zeros behind the file for ever
+    bool chunked = false;         ///< no length, the body comes in chunks
     std::optional<std::uint64_t> flipByteAt{}; ///< offset in the file of a byte sent wrong
 
     std::optional<std::uint64_t> cutAfter{};   ///< hang up after so many body bytes
     std::optional<std::uint64_t> stallAfter{}; ///< nothing more after so many body bytes
+    std::uint64_t trickle = 0;                 ///< so many body bytes every tenth of a second
+    bool closes = false;                       ///< hangs up behind the answer, unannounced
 };
 
 /// A small HTTP/1.1 server on 127.0.0.1 and a free port: serves a folder with Range, If-Range and

@@ -1,4 +1,5 @@
 #include "tests/vl/transport/transportfixture.h"
+#include "vl/src/platform/file.h"
 
 #include <QFile>
 #include <QSslKey>
@@ -6,6 +7,7 @@
 #include <QTest>
 
 #include <future>
+#include <sstream>
 
 using namespace std::chrono_literals;
 using testsupport::Misbehaviour;
@@ -18,8 +20,8 @@ constexpr std::size_t fileSize = 1'000'000;
 constexpr ByteRange part{100'000, 500'000};
 constexpr ByteRange whole{0, fileSize};
 
-/// What the server does, the code, the number of requests and words of the fault that come of it,
-/// and the range that is asked for.
+/// What the server does, the code, the number of requests and words of the fault or else the log
+/// that come of it, and the range that is asked for.
 using Case = std::tuple<Misbehaviour, int, int, const char*, ByteRange>;
 
 Expected<std::string> fetchRange(vl::Source& source, ByteRange range, vl::Operation& operation)
@@ -52,6 +54,7 @@ private Q_SLOTS:
     void rangesSurviveServers_data();
     void rangesSurviveServers();
     void cancellingEndsATransfer();
+    void proxyAndLimitAreObeyed();
     void certificatesAreChecked_data();
     void certificatesAreChecked();
 
@@ -75,23 +78,57 @@ void SourceTest::rangesSurviveServers_data()
     };
     constexpr int failed = vlupd::RSYNC_ERROR;
     constexpr int otherLength = vlupd::CONTENT_LEN_ERROR;
+    const auto once = [&](const char* name, Misbehaviour fault, const char* logged) {
+        fault.times = 1;
+        row(name, fault, vlupd::OK, 2, logged);
+    };
     row("good", {}, vlupd::OK, 1);
+    row("chunked", {.chunked = true}, vlupd::OK, 1);
+    row("slow but alive", {.trickle = 20}, vlupd::OK, 1, "", {100'000, 300});
+    row("ranges ignored", {.ignoreRange = true}, vlupd::OK, 1);
+    row("body longer than told", {.bodyError = 10}, vlupd::OK, 1);
     row("cut often but not fruitlessly", {.cutAfter = 100'000}, vlupd::OK, 10, "", whole);
     row("cut for ever after a few bytes", {.cutAfter = 10}, failed, 3, "broken");
-    row("ranges ignored", {.ignoreRange = true}, vlupd::OK, 1);
-    row("wrong Content-Range", {.wrongContentRange = true}, failed, 1, "other bytes");
+    once("body shorter than told", {.bodyError = -10}, "at byte 599990");
+    once("stall", {.stallAfter = 0}, "stalled for 1 s");
+    once("another ETag under a resume", {.entityTag = "\"other\"", .cutAfter = 100'000},
+         "the file changed on the server");
+    once("keep-alive closed between requests", {.status = 500, .closes = true}, "status 500");
+    once("hung up without an answer", {.rawAnswer = ""}, "broken");
+    row("never an answer", {.rawAnswer = ""}, failed, 3, "broken");
+    row("not HTTP", {.rawAnswer = "\x15\x03\x01\r\n\r\n"}, failed, 1, "transfer failed");
+    row("rubbish among the headers", {.headers = "no header\r\n"}, failed, 1, "transfer failed");
+    row("endless header", {.headers = "X: " + std::string(fileSize, 'x')}, failed, 1, "");
+    row("gzip unasked", {.headers = "Content-Encoding: gzip\r\n"}, failed, 1, "encoded its answer");
+    row("206 of other bytes", {.contentRange = "bytes 100001-600000/1000000"}, failed, 1,
+        "other bytes");
+    row("206 without Content-Range", {.contentRange = ""}, failed, 1, "other bytes");
+    row("206 with an unreadable one", {.contentRange = "bytes 9-8/x"}, failed, 1, "other bytes");
     row("larger file told for a part", {.totalError = 1}, otherLength, 1);
     row("smaller file told for the whole", {.totalError = -1}, otherLength, 1, "", whole);
     row("wrong Content-Length", {.lengthError = -5}, otherLength, 1);
-    row("body short though told", {.times = 1, .bodyError = -10}, vlupd::OK, 2);
-    row("endless", {.endless = true}, otherLength, 1, "more than", whole);
-    row("500 twice, then good", {.times = 2, .status = 500}, vlupd::OK, 3);
+    row("endless body", {.endless = true}, otherLength, 1, "more than", whole);
+    for (const int status : {408, 429, 500, 502, 503, 504})
+        once(qPrintable(QStringLiteral("%1, then good").arg(status)), {.status = status},
+             "(status ");
     row("503 for ever", {.status = 503}, failed, 3, "status 503");
+    for (const int status : {302, 400, 401, 403, 404, 407, 410})
+        row(qPrintable(QStringLiteral("%1 at once").arg(status)), {.status = status}, failed, 1,
+            "(status ");
     row("416", {.status = 416}, otherLength, 1, "ends before");
-    row("stall once", {.times = 1, .stallAfter = 0}, vlupd::OK, 2);
+    for (const char* time : {"7", "Fri, 31 Dec 2100 23:59:59 GMT", "9223372036854775807"})
+        once(qPrintable(QStringLiteral("Retry-After: ") + QLatin1String(time)),
+             {.status = 503, .headers = std::string("Retry-After: ") + time + "\r\n"}, "503");
     row("redirect to a good file", {.redirectTo = "/copy"}, vlupd::OK, 1);
-    row("redirect in a circle", {.redirectTo = "/file"}, failed, 6, "redirects");
+    row("as many redirects as allowed", {.times = 5, .redirectTo = "/file"}, vlupd::OK, 6);
+    row("redirect in a circle", {.redirectTo = "/file"}, failed, 6, "more than 5 redirects");
     row("redirect to a local file", {.redirectTo = "file:///etc/passwd"}, failed, 1, "redirect");
+    row("redirect to another protocol", {.redirectTo = "ftp://127.0.0.1/file"}, failed, 1,
+        "from http to ftp is refused");
+    testsupport::HttpServer gone(m_fixture.folder());
+    gone.stop();
+    row("redirect to where nobody listens", {.redirectTo = gone.address() + "/file"}, failed, 3,
+        "refuses connections");
     row("log-in page", {.body = "<html>log in</html>", .contentType = "text/html; charset=utf-8"},
         vlupd::UPDATER_DATA_ERROR, 1, "the server answered a page, not a repository");
 }
@@ -102,13 +139,23 @@ void SourceTest::rangesSurviveServers()
     const auto& [fault, code, requests, words, range] = row;
     m_fixture.server().misbehave("/file", fault);
     const std::string address = m_fixture.server().address();
-    const auto source = m_fixture.open("http://user:secret@" + address.substr(7));
+    vl::SourceOptions options = TransportFixture::impatient();
+    // What a server asks for is obeyed up to the longest pause.
+    const bool asksToWait = fault.headers.starts_with("Retry-After");
+    options.longestPause = asksToWait ? 300ms : options.longestPause;
+    const auto source = m_fixture.open("http://user:secret@" + address.substr(7), options);
+    std::stringbuf log;
     LoggedOperation operation;
+    operation.log.setBuffer(&log);
+    const auto start = std::chrono::steady_clock::now();
     const Expected<std::string> got = fetchRange(*source, range, *operation);
+    QVERIFY(!asksToWait || std::chrono::steady_clock::now() - start >= 300ms);
     QCOMPARE(codeOf(got), code);
     QCOMPARE(m_fixture.server().requests("/file"), requests);
     if (got) {
         QVERIFY(*got == m_bytes.substr(range.offset, range.size));
+        operation.log.deliver();
+        QVERIFY2(log.str().find(words) != std::string::npos, log.str().c_str());
     } else {
         const std::string& message = got.error().message;
         // Told is the address, without the user's secrets.
@@ -131,6 +178,28 @@ void SourceTest::cancellingEndsATransfer()
     (*operation).cancel();
     QVERIFY(fetch.wait_for(10s) == std::future_status::ready);
     QCOMPARE(fetch.get(), int(vlupd::UNKNOWN_ERROR));
+}
+
+void SourceTest::proxyAndLimitAreObeyed()
+{
+    vl::Config config;
+    config.repository = "http://repository.invalid";
+    config.proxy = m_fixture.server().address();
+    m_fixture.server().misbehave("http://repository.invalid/document", {.body = "by the proxy"});
+    const auto distant = vl::openSource(config, m_fixture.root()).value();
+    QCOMPARE(distant->fetchDocument({.path = "document", .maxSize = 100}).value(),
+             std::string("by the proxy"));
+
+    config = {};
+    config.maxBytesPerSecond = fileSize;
+    for (const std::string& repository :
+         {m_fixture.server().address(), vl::toUtf8(m_fixture.folder())}) {
+        config.repository = repository;
+        LoggedOperation operation;
+        const auto start = std::chrono::steady_clock::now();
+        QVERIFY(fetchRange(*vl::openSource(config, {}).value(), part, *operation));
+        QVERIFY(std::chrono::steady_clock::now() - start > 400ms); // half a second's bytes
+    }
 }
 
 void SourceTest::certificatesAreChecked_data()

@@ -1,5 +1,6 @@
 #include "vl/src/transport/httpfailure.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace vl {
@@ -10,6 +11,8 @@ namespace {
 constexpr long notVerified = 1; // libcurl's start value: the name was refused before
 constexpr long certificateNotYetValid = 9;
 constexpr long certificateExpired = 10;
+
+constexpr curl_off_t longestRetryAfter = 24L * 60 * 60; // seconds
 
 const char* certificateFault(CURL* easy)
 {
@@ -97,7 +100,8 @@ HttpFailure failureOfStatus(long status, curl_off_t retryAfterSeconds)
 {
     HttpFailure result{{vlupd::RSYNC_ERROR, {}}};
     result.status = status;
-    result.retryAfter = std::chrono::seconds(retryAfterSeconds);
+    // As milliseconds, what some servers ask for would overflow.
+    result.retryAfter = std::chrono::seconds(std::min(retryAfterSeconds, longestRetryAfter));
     result.transient = status == 408 || status == 429 || (status >= 500 && status <= 599);
     switch (status) {
     case 401:
