@@ -1,8 +1,10 @@
 // One operation of the update library as it ships, timed from outside by scripts/bench.
-//   bench_library install|check ROOT VERSION
-// Prints the process's peak memory in KiB.
+//   bench_library install|check ROOT VERSION [CUT]
+// Prints the process's peak memory in KiB. With CUT, a percentage, the process ends like one that
+// was killed once so much of the download is there, and prints how many bytes that are.
 #include "vlupd/vlupd.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <iostream>
 #include <streambuf>
@@ -42,15 +44,25 @@ std::string peakMemory()
 
 int main(int argc, char** argv)
 {
-    const std::string operation = argc == 4 ? argv[1] : "";
+    const std::string operation = argc == 4 || argc == 5 ? argv[1] : "";
     if (operation != "install" && operation != "check") {
-        std::cerr << "usage: bench_library install|check ROOT VERSION\n";
+        std::cerr << "usage: bench_library install|check ROOT VERSION [CUT]\n";
         return 1;
     }
+    const std::uint64_t cut = argc == 5 ? std::stoull(argv[4]) : 101;
     LogLines log;
     vlupd::VLUPD library(argv[2], false, &log);
-    const auto progress = [](std::uint64_t, std::uint64_t, std::uint64_t) { return true; };
-    const auto stage = [](vlupd::UPD_INSTALLATION_STAGE) {};
+    bool downloading = false;
+    const auto progress = [&](std::uint64_t, std::uint64_t done, std::uint64_t total) {
+        if (downloading && done * 100 >= total * cut) {
+            std::cout << done << std::endl;
+            std::_Exit(0);
+        }
+        return true;
+    };
+    const auto stage = [&](vlupd::UPD_INSTALLATION_STAGE now) {
+        downloading = now == vlupd::STAGE_DOWNLOADING;
+    };
     const vlupd::UPD_RESULT result = operation == "install"
                                          ? library.installVersion(argv[3], progress, stage)
                                          : library.checkFiles(argv[3], std::nullopt);

@@ -1,6 +1,8 @@
 // Makes the folders that the benchmarks work on. Equal arguments give equal bytes.
 //   bench_maketree release FOLDER   a release of 1 GiB: 3,000 small files, 40 of some MB, 2 large
 //   bench_maketree sample FOLDER    a release of a few small files
+//   bench_maketree edit FOLDER      turns that release into the next one, by scattered edits
+//   bench_maketree tiny FOLDER      a release of 20,000 files of 0 to 3,000 bytes
 //   bench_maketree many FOLDER      100,000 small files in 1,000 folders
 #include <algorithm>
 #include <array>
@@ -8,10 +10,13 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <iterator>
+#include <map>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace {
 
@@ -40,6 +45,12 @@ public:
     std::uint64_t number(std::uint64_t low, std::uint64_t high)
     {
         return low + m_random() % (high - low + 1);
+    }
+    /// At most a block's worth of bytes.
+    std::string_view piece(std::uint64_t most)
+    {
+        fillBlock();
+        return std::string_view(m_block.data(), number(1, std::min(most, m_block.size())));
     }
 
 private:
@@ -90,6 +101,58 @@ void makeSample(const fs::path& folder)
     content.write(folder / "data/world.dat", mebibyte);
 }
 
+/// Overwrites pieces at random places, and inserts others, which moves all that follows them.
+void scatterEdits(Content& content, const fs::path& path, int overwritten, int inserted)
+{
+    std::ifstream old(path, std::ios::binary);
+    std::string bytes{std::istreambuf_iterator<char>(old), {}};
+    for (int i = 0; i < overwritten; ++i) {
+        const std::string_view piece = content.piece(8192);
+        piece.copy(&bytes[content.number(0, bytes.size() - piece.size())], piece.size());
+    }
+    std::vector<std::size_t> places;
+    for (int i = 0; i < inserted; ++i)
+        places.push_back(content.number(0, bytes.size()));
+    std::sort(places.begin(), places.end());
+    std::ofstream file(path, std::ios::binary);
+    std::size_t at = 0;
+    for (const std::size_t place : places) {
+        file << std::string_view(bytes).substr(at, place - at) << content.piece(2048);
+        at = place;
+    }
+    file << std::string_view(bytes).substr(at);
+    file.close();
+    if (!file)
+        throw std::runtime_error("cannot write " + path.string());
+}
+
+void editRelease(const fs::path& folder)
+{
+    Content content;
+    content.piece(1); // not the release's own bytes again
+    const auto object = [&](int i) {
+        return folder / "data" / std::to_string(i / 100) / ("object" + std::to_string(i) + ".dat");
+    };
+    for (int i = 0; i < 3000; i += 50)
+        content.write(object(i), content.number(0, 100U << 10U));
+    for (int i = 7; i < 3000; i += 300) {
+        fs::remove(object(i));
+        content.write(object(i + 10000), content.number(0, 100U << 10U));
+    }
+    for (int i = 0; i < 40; i += 4)
+        scatterEdits(content, folder / "terrain" / ("tile" + std::to_string(i) + ".bin"), 10, 3);
+    scatterEdits(content, folder / "models/fleet.pak", 300, 30);
+    scatterEdits(content, folder / "models/airports.pak", 300, 30);
+}
+
+void makeTiny(const fs::path& folder)
+{
+    Content content;
+    for (int i = 0; i < 20000; ++i)
+        content.write(folder / std::to_string(i / 100) / (std::to_string(i) + ".dat"),
+                      content.number(0, 3000));
+}
+
 void makeMany(const fs::path& folder)
 {
     Content content;
@@ -102,16 +165,15 @@ void makeMany(const fs::path& folder)
 
 int main(int argc, char** argv)
 {
-    const std::string_view kind = argc == 3 ? argv[1] : "";
+    static const std::map<std::string_view, void (*)(const fs::path&)> kinds = {
+        {"release", makeRelease}, {"edit", editRelease}, {"sample", makeSample},
+        {"tiny", makeTiny},       {"many", makeMany},
+    };
+    const auto kind = argc == 3 ? kinds.find(argv[1]) : kinds.end();
     try {
-        if (kind == "release")
-            makeRelease(argv[2]);
-        else if (kind == "sample")
-            makeSample(argv[2]);
-        else if (kind == "many")
-            makeMany(argv[2]);
-        else
-            throw std::runtime_error("usage: bench_maketree release|sample|many FOLDER");
+        if (kind == kinds.end())
+            throw std::runtime_error("usage: bench_maketree release|edit|sample|tiny|many FOLDER");
+        kind->second(argv[2]);
     } catch (const std::exception& error) {
         std::cerr << error.what() << '\n';
         return 1;
