@@ -302,13 +302,21 @@ bool HttpServer::sendBody(int socket, const std::string& path, const Answer& ans
             chunk << std::hex << piece.size() << "\r\n" << piece << "\r\n";
             piece = chunk.str();
         }
-        if (!sendAll(socket, piece))
+        // Before they can have arrived: a client that has them all may look at once.
+        countSent(path, end - sent);
+        if (!sendAll(socket, piece)) {
+            countSent(path, sent - end);
             return false;
-        const std::lock_guard lock(m_mutex);
-        m_counts[path].bytes += end - sent;
+        }
         sent = end;
     }
     return !fault.chunked || sendAll(socket, "0\r\n\r\n");
+}
+
+void HttpServer::countSent(const std::string& path, std::uint64_t bytes)
+{
+    const std::lock_guard lock(m_mutex);
+    m_counts[path].bytes += bytes;
 }
 
 bool HttpServer::stall(int socket)

@@ -87,6 +87,7 @@ private:
     Answer answerFor(const Request& request, const Misbehaviour& fault) const;
     bool sendBody(int socket, const std::string& path, const Answer& answer,
                   const Misbehaviour& fault);
+    void countSent(const std::string& path, std::uint64_t bytes);
     /// False when the client hung up meanwhile.
     bool stall(int socket);
 

@@ -100,6 +100,16 @@ void DocumentsTest::variantsAreJudged_data()
         return fileEnd + ",{\"path\":\"" + path + "\",\"size\":" + size +
                ",\"mode\":\"0644\",\"hash\":\"" + hash + "\",\"rawOffset\":" + offset + "}";
     };
+    const auto delta = [](const QByteArray& from, const QByteArray& size,
+                          const QByteArray& index) -> QByteArray {
+        return "\"deltas\":[{\"from\":\"" + from + "\",\"fromManifest\":\"" + hash +
+               "\",\"size\":" + size + ",\"hash\":\"" + hash + "\",\"indexSize\":" + index +
+               ",\"indexHash\":\"" + hash + "\"}],\"files\":[";
+    };
+    const auto twoFrames = [](const QByteArray& end) -> QByteArray {
+        return end + ",\"rawSize\":1000,\"hash\":\"" + hash + "\"},\n  {\"offset\":" + end + ",";
+    };
+    const QByteArray many = "9223372036854775807";
     manifest("unknown format", "\"format\":1,", "\"format\":2,\"files\":7,", "version 2");
     manifest("other version", "\"version\":\"1.0.0\"", "\"version\":\"1.0.1\"", "belongs to");
     manifest("no files", "\"files\":", "\"other\":", "\"files\" is missing");
@@ -107,9 +117,22 @@ void DocumentsTest::variantsAreJudged_data()
     manifest("duplicate list", "\"files\":", "\"files\":[],\"files\":", "twice");
     manifest("unknown members", "\"size\":", "\"x\":{\"size\":[-1,{}],\"format\":9},\"size\":", "");
     manifest("more after the end", "1024}]}", "1024}]} {}", "not valid JSON");
+    manifest("truncated", "]}\n", "", "not valid JSON");
+    manifest("deep nesting",
+             "\"files\":", "\"x\":" + QByteArray(100000, '[') + ",\"files\":", "too deeply");
+    manifest("endless list", fileEnd, fileEnd + QByteArray(",{}").repeated(12'000'000), "32 MiB");
+    manifest("list of nothings", fileEnd, fileEnd + ",{}", "missing");
+    manifest("size as text", "\"size\":100", "\"size\":\"100\"", "wrong type");
+    manifest("size as fraction", "\"size\":100", "\"size\":1e2", "wrong type");
+    manifest("path as number", "\"a.txt\"", "7", "wrong type");
+    manifest("hash as null", "\"" + hash + "\"", "null", "wrong type");
+    manifest("frames as object", "\"frames\":[", "\"frames\":{},\"x\":[", "wrong type");
     manifest("negative", "\"size\":100", "\"size\":-1", "negative");
     manifest("2^63", "\"size\":100", "\"size\":9223372036854775808", "2^63");
-    manifest("overflow", "\"rawOffset\":512", "\"rawOffset\":9223372036854775807", "inside");
+    manifest("2^64", "\"size\":100", "\"size\":18446744073709551616", "wrong type");
+    manifest("place overflows", "\"rawOffset\":512", "\"rawOffset\":" + many, "inside");
+    manifest("frames overflow", twoFrames("10"), twoFrames(many), "2^63 - 1");
+    manifest("frames overlap", "\"offset\":10,", "\"offset\":9,", "does not begin");
     manifest("short hash", hash, QByteArray(63, 'a'), "hexadecimal");
     manifest("set-user bit", "0755", "4755", "0644 nor 0755");
     manifest("gap between frames", "\"offset\":10,", "\"offset\":11,", "does not begin");
@@ -121,18 +144,35 @@ void DocumentsTest::variantsAreJudged_data()
     manifest("file beyond it", "\"size\":1500", "\"size\":1977", "inside");
     manifest("files overlap", "\"rawOffset\":512", "\"rawOffset\":1000", "overlap");
     manifest("files of the same bytes", fileEnd, file("twin", "1500", "1024"), "");
-    manifest("parent folder", "a.txt", "../a.txt", "\"..\"");
+    manifest("hostile path: parent folder", "a.txt", "../a.txt", "\"..\"");
+    manifest("hostile path: absolute", "a.txt", "/etc/passwd", "absolute");
+    manifest("hostile path: backslash", "a.txt", "..\\\\a.txt", "character \\");
+    manifest("hostile path: NUL", "a.txt", "a\\u0000.txt", "control");
     manifest("case twin", fileEnd, file("A.TXT", "1", "1"), "one file");
+    manifest("normalisation twin", fileEnd,
+             file("\u0439", "1", "1") + file("\u0438\u0306", "1", "1").mid(fileEnd.size()),
+             "one file");
+    manifest("file below a file", fileEnd, file("a.txt/b", "1", "1"), "below the other");
+    manifest("good delta", "\"files\":[", delta("0.9", "5", "5"), "");
+    manifest("hostile delta version", "\"files\":[", delta("../0.9", "5", "5"), "delta's version");
+    manifest("empty delta", "\"files\":[", delta("0.9", "0", "5"), "is empty");
+    manifest("delta index above the limit", "\"files\":[", delta("0.9", "5", "33554433"),
+             "too large");
     manifest("executable not listed", ":\"bin/sim\"}", ":\"bin/si\"}", "not listed");
 
     const auto catalogue = rowsOf(Catalogue, "catalogue");
     catalogue("unknown format", "\"format\": 1", "\"format\": 2", "format version 2");
+    catalogue("truncated", "}}}\n", "}", "not valid JSON");
+    catalogue("endless list", "null", "[" + QByteArray("0,").repeated(17'000'000), "32 MiB");
+    catalogue("versions are no object", "\"versions\":", "\"versions\": [], \"x\":", "an object");
+    catalogue("serial above 2^63", "\"serial\": 7", "\"serial\": 9223372036854775808", "2^63");
     catalogue("negative serial", "\"serial\": 7", "\"serial\": -7", "\"serial\"");
     catalogue("no such day", "2026-11-01", "2026-02-29", "\"date\"");
     catalogue("no expires", "\"expires\": \"2027-11-01\",", "", "");
     catalogue("no manifest", "\"manifest\"", "\"Manifest\"", "\"manifest\"");
     catalogue("manifest above the limit", "33554432", "33554433", "larger than 32 MiB");
     catalogue("hostile version key", "\"special\"", "\"../special\"", "version key");
+    catalogue("case twin", "\"1.0.0\"", "\"SPECIAL\"", "one file");
     catalogue("version twice", "\"special\"", "\"1.0.0\"", "twice");
     catalogue("deep nesting", "null", QByteArray(100000, '[') + QByteArray(100000, ']'),
               "too deeply");

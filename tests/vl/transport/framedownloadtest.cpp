@@ -103,6 +103,9 @@ void FrameDownloadTest::packsSurviveServers_data()
     row("cut for ever", {.cutAfter = 450'000}, vlupd::OK, 3, 5);
     row("ignored, cut", {.times = 1, .ignoreRange = true, .cutAfter = 700'000}, vlupd::OK, 2, 5);
     row("last byte wrong once", {.times = 1, .flipByteAt = packSize - 1}, vlupd::OK, 2, 5);
+    row("changed under a resume",
+        {.times = 1, .entityTag = "\"old\"", .flipByteAt = 410'000, .cutAfter = 450'000}, vlupd::OK,
+        3, 5);
     row("wrong byte for ever", {.flipByteAt = 500'000}, vlupd::BROKEN_OR_MISSING, 2, 2);
     row("too short a file told", {.totalError = -1}, vlupd::CONTENT_LEN_ERROR, 1, 0);
     row("endless", {.endless = true}, vlupd::CONTENT_LEN_ERROR, 1, 5);
