@@ -7,9 +7,16 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 
-target_compile_options(varnel_common_config INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor -Woverloaded-virtual
-    $<$<BOOL:${VARNEL_WARNINGS_AS_ERRORS}>:-Werror>)
+# Of C++ alone: the compiler of Windows resources knows none of them.
+target_compile_options(varnel_common_config INTERFACE "$<$<COMPILE_LANGUAGE:CXX>:\
+-Wall;-Wextra;-Wpedantic;-Wshadow;-Wconversion;-Wnon-virtual-dtor;-Woverloaded-virtual;\
+$<$<BOOL:${VARNEL_WARNINGS_AS_ERRORS}>:-Werror>>")
+
+if(WIN32)
+    # Windows 10 is the oldest; every call that takes texts takes wide ones.
+    target_compile_definitions(varnel_common_config INTERFACE
+        _WIN32_WINNT=0x0A00 UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
+endif()
 
 if(VARNEL_SANITIZE)
     target_compile_options(varnel_common_config INTERFACE

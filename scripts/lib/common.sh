@@ -20,3 +20,7 @@ wait_until() {
         sleep 0.1
     done
 }
+
+picture() { # the image processor under the name that this machine knows
+    if command -v magick >/dev/null; then magick "$@"; else convert "$@"; fi
+}

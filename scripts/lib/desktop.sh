@@ -22,10 +22,6 @@ desktop_end() {
     exit "$status"
 }
 
-picture() { # the image processor under the name that this machine knows
-    if command -v magick >/dev/null; then magick "$@"; else convert "$@"; fi
-}
-
 # desktop_start SCALE: display, background, window manager.
 desktop_start() {
     scale=$1
