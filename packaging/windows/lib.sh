@@ -5,7 +5,7 @@ export VARNEL_WINDOWS_SDK=${VARNEL_WINDOWS_SDK:-${XDG_CACHE_HOME:-$HOME/.cache}/
 sdk=$VARNEL_WINDOWS_SDK
 toolchain=$project/cmake/windows-toolchain.cmake
 windows_target=x86_64-w64-mingw32
-windows_build=$project/build/windows
+windows_build=${VARNEL_WINDOWS_BUILD:-$project/build/windows}
 
 # Where the libraries lie that programs load: the SDK's and the compiler's own.
 dll_folders() {
@@ -40,7 +40,7 @@ copy_imports() {
 # assemble_portable FOLDER: installs what build/windows holds, with all that it needs to run.
 assemble_portable() {
     local folder=$1 licence
-    cmake --install "$windows_build" --prefix "$folder" --strip >"$windows_build/install.log" ||
+    cmake --install "$windows_build" --prefix "$folder" --component portable --strip >"$windows_build/install.log" ||
         fail "installing; see $windows_build/install.log"
     install -Dt "$folder/platforms" "$sdk/plugins/platforms/qwindows.dll"
     install -Dt "$folder/styles" "$sdk"/plugins/styles/*.dll
@@ -80,8 +80,25 @@ wine_environment() {
     export WINEPREFIX=${VARNEL_WINE:-$project/build/wine} WINEARCH=win64 WINEDEBUG=-all
     # No menu entries of the user's desktop, no questions about components that nothing here needs.
     export WINEDLLOVERRIDES='winemenubuilder.exe=d;mscoree=d;mshtml=d'
+}
+
+# Where a program that still lies in the build folder finds its libraries; one that is given to users
+# has them beside itself.
+wine_library_path() {
     local folder
     WINEPATH="Z:${windows_build//\//\\}\\bin"
     while read -r folder; do WINEPATH+=";Z:${folder//\//\\}"; done < <(dll_folders)
     export WINEPATH
 }
+
+# Makes the Windows of the tests; ends it with the script.
+wine_start() {
+    (
+        wine_environment
+        unset DISPLAY
+        "$wine64" wineboot --init
+        "$wine64" reg add 'HKCU\Software\Wine' /v Version /d win10 /f # Debian's Wine says 7
+    ) >/dev/null 2>&1 || fail "Wine could not make its Windows in ${VARNEL_WINE:-$project/build/wine}"
+    trap wine_end EXIT
+}
+wine_end() { (wine_environment && "${wine64%/*}/wineserver64" --kill) || true; }

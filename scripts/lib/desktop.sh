@@ -35,7 +35,7 @@ desktop_start() {
     export DISPLAY
     # No desktop's own file dialog: the same one everywhere.
     unset WAYLAND_DISPLAY XDG_CURRENT_DESKTOP DESKTOP_SESSION KDE_FULL_SESSION QT_QPA_PLATFORMTHEME
-    export QT_QPA_PLATFORM=xcb QT_SCALE_FACTOR=$scale LC_ALL=C.UTF-8
+    export QT_QPA_PLATFORM=${desktop_platform:-xcb} QT_SCALE_FACTOR=$scale LC_ALL=C.UTF-8
     export XDG_RUNTIME_DIR=$desktop_work/runtime
     mkdir -m 700 "$XDG_RUNTIME_DIR"
     # Its own word that it is ready: a window that is mapped earlier may never be shown.
@@ -52,7 +52,7 @@ launcher_start() {
     menu=
     log_mark
     park_pointer
-    (cd / && exec "$1/varnel-launcher") 2>"$desktop_work/launcher.log" &
+    (cd / && exec "${runner[@]}" "$1/varnel-launcher$suffix") 2>"$desktop_work/launcher.log" &
     launcher=$!
     wait_until 30 "the launcher's window" launcher_shown_or_gone
     launcher_gone && fail "the launcher ended at once: $(cat "$desktop_work/launcher.log")"

@@ -45,7 +45,7 @@ close_menu() {
 }
 
 # setting KEY: its value in config.ini.
-setting() { sed -n "s/^$1=//p" "$folder/config.ini"; }
+setting() { sed -n "s/\r$//;s/^$1=//p" "$folder/config.ini"; }
 setting_is() { [ "$(setting "$1")" = "$2" ]; }
 
 simulator_folder() { find "$folder/versions" -mindepth 1 -maxdepth 1 -type d; }
@@ -123,7 +123,7 @@ step_special_off() {
 step_history() {
     say "Opening the version history and choosing another version"
     local newest
-    [ "$(sed -n 's/^    "\(.*\)": {$/\1/p' "$folder/descriptions.json" | tr '\n' ' ')" = \
+    [ "$(sed -n 's/^    "\(.*\)": {\r*$/\1/p' "$folder/descriptions.json" | tr '\n' ' ')" = \
         "1.0.0 1.1.0 1.2.0 " ] || fail "descriptions.json does not hold the three versions"
     open_page history
     shot history

@@ -35,13 +35,15 @@ file_chooser_is_active() { [ "$(xdotool getactivewindow)" = "$(file_chooser)" ];
 no_file_chooser() { ! file_chooser; }
 report_stored() { grep -q ' Stored ' "$collector_log"; }
 
+file_name() { printf %s "$1"; } # as the file dialog wants it
+
 attach() {
     local height
     height=$(menu_height)
     press_orange "$menu" 1
     wait_until 10 "the file dialog" file_chooser_is_active
     settle
-    write_text "\"$1\" \"$2\""
+    write_text "\"$(file_name "$1")\" \"$(file_name "$2")\""
     shot report-files
     xdotool key Return
     wait_until 10 "the file dialog to close" no_file_chooser

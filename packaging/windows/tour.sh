@@ -1,0 +1,7 @@
+# shellcheck shell=bash disable=SC2034,SC2154
+# What differs when the tour looks at a launcher that runs under Wine. Sourced by scripts/tour.
+
+folder=$demo/"Папка с пробелом"
+
+simulator_processes() { pgrep -f "^[A-Z]:${folder//\//.}.*sample-simulator" || true; }
+file_name() { printf 'Z:%s' "${1//\//\\}"; }
