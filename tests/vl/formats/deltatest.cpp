@@ -3,6 +3,7 @@
 #include <QTest>
 
 #include <algorithm>
+#include <array>
 
 namespace {
 
@@ -39,7 +40,7 @@ private Q_SLOTS:
     void malformedIndexes_data();
     void malformedIndexes();
     void damagedFrames();
-    void hugeIndex();
+    void decompressionBombs();
 
 private:
     // The older version has files of 100 and 50 MiB, the newer one of 300, 20 and 200 MiB.
@@ -131,13 +132,17 @@ void DeltaTest::damagedFrames()
     QVERIFY(!decode(*frame, base));
 }
 
-void DeltaTest::hugeIndex()
+void DeltaTest::decompressionBombs()
 {
     const auto compressed = vl::compressDeltaIndex(head);
     QCOMPARE(vl::expandDeltaIndex(*compressed).value(), head);
     const auto bomb = vl::compressDeltaIndex(std::string(vl::maxDeltaIndexSize + 1, ' '));
     QVERIFY(bomb->size() < 10'000);
     QVERIFY(!vl::expandDeltaIndex(*bomb));
+    const auto frame = vl::DeltaEncoder(1).encode(std::vector<std::byte>(vl::maxDeltaRawSize), {});
+    QVERIFY(frame->size() < 10'000);
+    std::array<std::byte, 1000> raw{};
+    QVERIFY(!vl::DeltaDecoder().decode(*frame, {}, raw));
 }
 
 QTEST_GUILESS_MAIN(DeltaTest)

@@ -87,6 +87,8 @@ void FrameTest::brokenFramesAreRefused_data()
     // Windows of 64 and of 72 MiB, each in front of one raw byte.
     const QByteArray largest("\x28\xb5\x2f\xfd\0\x80\x09\0\0x", 10);
     const QByteArray larger("\x28\xb5\x2f\xfd\0\x81\x09\0\0x", 10);
+    const Bytes zeros = encode(Bytes(64U << 20U));
+    const QByteArray bomb(reinterpret_cast<const char*>(zeros.data()), qsizetype(zeros.size()));
     constexpr int all = 1000000;
     QTest::newRow("cut by a byte") << Broken{1, "", 0, "incomplete"};
     QTest::newRow("nothing") << Broken{all, "", 0, "incomplete"};
@@ -94,8 +96,9 @@ void FrameTest::brokenFramesAreRefused_data()
     QTest::newRow("page") << Broken{all, "<html>", 0, "damaged"};
     QTest::newRow("skippable frame") << Broken{all, skippable, 0, "fewer"};
     QTest::newRow("largest window") << Broken{all, largest, 0, "fewer"};
-    QTest::newRow("larger window") << Broken{all, larger, 0, "too much memory"};
-    QTest::newRow("more than agreed") << Broken{0, "", -1, "more bytes than"};
+    QTest::newRow("bomb: larger window") << Broken{all, larger, 0, "too much memory"};
+    QTest::newRow("bomb: a byte more than agreed") << Broken{0, "", -1, "more bytes than"};
+    QTest::newRow("bomb: 64 MiB in a few KiB") << Broken{all, bomb, 0, "more bytes than"};
     QTest::newRow("less than agreed") << Broken{0, "", 1, "fewer"};
 }
 

@@ -69,9 +69,13 @@ void InstallTransferTest::badInput_data()
         });
     };
     std::string manifest;
-    for (const auto& [path, text] : filesIn(m_releases->folder() / "manifests"))
+    std::string others;
+    for (const auto& [path, text] : filesIn(m_releases->folder() / "manifests")) {
         if (text.find(R"("version":"2.0.0")") != std::string::npos)
             manifest = "/manifests/" + path;
+        else
+            others = text;
+    }
     server("cut once", {.times = 1, .cutAfter = m_packSize / 2}, vlupd::OK, "");
     server("cut again and again", {.cutAfter = 0}, vlupd::RSYNC_ERROR, "/packs/");
     server("Range ignored", {.times = 2, .ignoreRange = true, .cutAfter = m_packSize / 3},
@@ -79,15 +83,18 @@ void InstallTransferTest::badInput_data()
     server("too short", {.lengthError = -1000, .totalError = -1000, .bodyError = -1000},
            vlupd::CONTENT_LEN_ERROR, "/packs/");
     server("one byte once", {.times = 1, .flipByteAt = m_packSize / 2}, vlupd::OK, "damaged");
-    server("one byte always", {.flipByteAt = m_packSize / 2}, vlupd::BROKEN_OR_MISSING, "damaged");
+    server("tampered pack", {.flipByteAt = m_packSize / 2}, vlupd::BROKEN_OR_MISSING, "damaged");
     server("not there", {.status = 404}, vlupd::RSYNC_ERROR, "404");
     server("500, then good", {.times = 1, .status = 500}, vlupd::OK, "500");
-    server("stall", {.times = 1, .stallAfter = m_packSize / 2}, vlupd::OK, "");
-    server("wrong signature", {.body = "untrusted comment: none\nnothing\n"},
+    server("stall", {.times = 1, .stallAfter = 0}, vlupd::OK, "");
+    server("arbitrary signature", {.body = "untrusted comment: none\nnothing\n"},
            vlupd::UPDATER_DATA_ERROR, "not a minisign signature", "/catalogue.json.minisig");
-    server("byte of the manifest", {.flipByteAt = 20}, vlupd::BROKEN_OR_MISSING, "/manifests/",
+    server("tampered manifest", {.flipByteAt = 20}, vlupd::BROKEN_OR_MISSING, "/manifests/",
            manifest);
-    server("short manifest", {.body = "{}"}, vlupd::CONTENT_LEN_ERROR, "/manifests/", manifest);
+    constexpr int length = vlupd::CONTENT_LEN_ERROR;
+    server("truncated manifest", {.body = "{}"}, length, "/manifests/", manifest);
+    server("endless manifest", {.endless = true}, length, "/manifests/", manifest);
+    server("manifest of another version", {.body = others}, length, "/manifests/", manifest);
 
     // `before` replaced in vl.json
     const auto config = [&](const char* name, int expected, const char* words,
@@ -119,7 +126,7 @@ void InstallTransferTest::badInput()
     QFETCH(Bad, bad);
     const auto& [expected, words, spoil] = bad;
     // A wrong signature matters only where no catalogue was verified before.
-    const bool early = qstrcmp(QTest::currentDataTag(), "wrong signature") == 0;
+    const bool early = qstrcmp(QTest::currentDataTag(), "arbitrary signature") == 0;
     const Root root(*m_releases, m_server->address(), true);
     const std::string config = filesIn(root.path()).at("vl.json");
     LogLines log;

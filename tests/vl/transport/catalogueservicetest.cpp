@@ -45,6 +45,7 @@ private Q_SLOTS:
     void catalogueIsBelievedOrNot_data();
     void catalogueIsBelievedOrNot();
     void otherRepositoriesAndOlderSerialsAreRefused();
+    void keyChangeWithTwoKeys();
     void fetchedCatalogueIsReused();
     void budgetIsSpentOnce();
     void noNetworkAfterAFailure();
@@ -55,8 +56,8 @@ private:
     {
         return vl::sign(text, m_keys.secretKey, "timestamp:1");
     }
-    void configure(const char* repositoryId = nullptr);
-    void publish(const std::string& text);
+    void configure(const char* repositoryId = nullptr, std::vector<std::string> keys = {});
+    void publish(const std::string& text, const std::string& signature = {});
     std::uint64_t serialOf(CatalogueService& service, bool fresh = false);
     /// The serial that a new process finds.
     std::uint64_t serialAtStart();
@@ -75,19 +76,20 @@ void CatalogueServiceTest::init()
     publish(catalogueText(newSerial));
 }
 
-void CatalogueServiceTest::configure(const char* repositoryId)
+void CatalogueServiceTest::configure(const char* repositoryId, std::vector<std::string> keys)
 {
-    nlohmann::json config{{"repository", server().address()},
-                          {"publicKeys", {vl::writePublicKey(m_keys.publicKey)}}};
+    if (keys.empty())
+        keys.push_back(vl::writePublicKey(m_keys.publicKey));
+    nlohmann::json config{{"repository", server().address()}, {"publicKeys", keys}};
     if (repositoryId != nullptr)
         config["repositoryId"] = repositoryId;
     QVERIFY(vl::writeWholeFile(m_fixture->root() / "vl.json", config.dump()));
 }
 
-void CatalogueServiceTest::publish(const std::string& text)
+void CatalogueServiceTest::publish(const std::string& text, const std::string& signature)
 {
     m_fixture->write("catalogue.json", text);
-    m_fixture->write("catalogue.json.minisig", signatureOf(text));
+    m_fixture->write("catalogue.json.minisig", signature.empty() ? signatureOf(text) : signature);
 }
 
 std::uint64_t CatalogueServiceTest::serialOf(CatalogueService& service, bool fresh)
@@ -120,10 +122,14 @@ void CatalogueServiceTest::catalogueIsBelievedOrNot_data()
     const char* const minisig = "/catalogue.json.minisig";
     constexpr int bad = vlupd::UPDATER_DATA_ERROR;
     row("good", vlupd::OK, 1, [] {});
-    row("another key", bad, 2, fault(minisig, {.body = strangers}));
     row("update in flight", vlupd::OK, 2, fault(minisig, {.times = 1, .body = others}));
-    row("pair that never fits", bad, 2, fault(minisig, {.body = others}));
-    row("endless", vlupd::CONTENT_LEN_ERROR, 1, fault(json, {.endless = true}));
+    row("arbitrary, signed by a stranger", bad, 2, fault(minisig, {.body = strangers}));
+    row("tampered catalogue", bad, 2, fault(json, {.flipByteAt = 30}));
+    row("swapped signature", bad, 2, fault(minisig, {.body = others}));
+    row("truncated catalogue", bad, 2, fault(json, {.body = text.substr(0, 40)}));
+    row("truncated signature", bad, 2, fault(minisig, {.body = signatureOf(text).substr(0, 200)}));
+    row("endless catalogue", vlupd::CONTENT_LEN_ERROR, 1, fault(json, {.endless = true}));
+    row("endless signature", vlupd::CONTENT_LEN_ERROR, 1, fault(minisig, {.endless = true}));
     row("unsigned", vlupd::RSYNC_ERROR, 1, fault(minisig, {.status = 404}));
     row("signed rubbish", bad, 2, [this] { publish("{\"format\":1"); });
     row("log-in page", bad, 2, fault("*", {.body = "<html>", .contentType = "text/html"}));
@@ -178,6 +184,30 @@ void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
     QVERIFY(vl::writeWholeFile(copy.parent_path() / "seen.json", "{"));
     QVERIFY(vl::writeWholeFile(copy, old));
     QCOMPARE(serialAtStart(), oldSerial);
+}
+
+// Clients are given both keys, then the repository goes over to the next, then the old one goes.
+void CatalogueServiceTest::keyChangeWithTwoKeys()
+{
+    const vl::KeyPair next = vl::generateKeyPair().value();
+    const auto publishByNext = [&](std::uint64_t serial) {
+        const std::string text = catalogueText(serial);
+        publish(text, vl::sign(text, next.secretKey, "timestamp:2"));
+    };
+    const std::string nextKey = vl::writePublicKey(next.publicKey);
+    QCOMPARE(serialAtStart(), newSerial);
+    publishByNext(newSerial + 1);
+    QCOMPARE(serialAtStart(), newSerial);
+    configure(nullptr, {vl::writePublicKey(m_keys.publicKey), nextKey});
+    QCOMPARE(serialAtStart(), newSerial + 1);
+    publishByNext(oldSerial);
+    QCOMPARE(serialAtStart(), newSerial + 1); // no rollback by a change of keys
+    publish(catalogueText(newSerial + 2));
+    QCOMPARE(serialAtStart(), newSerial + 2);
+    configure(nullptr, {nextKey});
+    QCOMPARE(serialAtStart(), 0U); // nor is what the old key signed believed from the disk
+    publishByNext(newSerial + 2);
+    QCOMPARE(serialAtStart(), newSerial + 2);
 }
 
 void CatalogueServiceTest::fetchedCatalogueIsReused()
