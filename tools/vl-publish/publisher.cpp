@@ -298,7 +298,7 @@ Expected<void> generateKeys(const fs::path& secretKeyFile, const fs::path& publi
     if (done)
         done = file->sync();
     if (done)
-        done = writeWholeFile(fs::absolute(publicKeyFile), writePublicKey(keys->publicKey));
+        done = writeWholeFile(absolutePath(publicKeyFile), writePublicKey(keys->publicKey));
     if (!done)
         (void)removeFile(secretKeyFile); // half a pair would only be in the way
     return done;

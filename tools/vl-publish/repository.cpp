@@ -111,12 +111,11 @@ Expected<void> RepositoryChange::clearLeftovers()
             return done;
     }
     for (const fs::path& folder : {m_top, m_top / "manifests", m_top / "packs", m_top / "deltas"}) {
-        std::error_code error;
-        for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-             entry.increment(error)) {
-            if (!isTemporaryName(toUtf8(entry->path().filename())))
+        const auto entries = listDirectory(folder);
+        for (const TreeEntry& entry : entries.value_or(std::vector<TreeEntry>())) {
+            if (!isTemporaryName(entry.path))
                 continue;
-            if (auto removed = removeTree(entry->path()); !removed)
+            if (auto removed = removeTree(folder / fromUtf8(entry.path)); !removed)
                 return removed;
         }
     }

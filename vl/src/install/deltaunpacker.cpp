@@ -16,7 +16,8 @@ constexpr std::size_t hashPieceSize = 1U << 20U;
 
 Expected<Hash> hashOfFile(const File& file, std::uint64_t size)
 {
-    static thread_local std::vector<std::byte> piece(hashPieceSize);
+    std::vector<std::byte> piece(
+        static_cast<std::size_t>(std::clamp<std::uint64_t>(size, 1, hashPieceSize)));
     Hasher hasher;
     for (std::uint64_t done = 0; done < size;) {
         const auto wanted =

@@ -17,7 +17,8 @@ constexpr std::size_t readSize = 1U << 20U;
 constexpr std::uint64_t flushStep = 8U << 20U;
 
 using FileList = std::vector<const ManifestFile*>;
-using FileWork = std::function<Expected<void>(const ManifestFile&, const std::stop_token&)>;
+using Piece = std::vector<std::byte>; ///< a thread's own room for bytes, `readSize` of them
+using FileWork = std::function<Expected<void>(const ManifestFile&, Piece&, const std::stop_token&)>;
 
 // The largest first: a large one begun last would keep one core busy alone.
 void sortForWork(FileList& files)
@@ -30,8 +31,9 @@ Expected<void> forEachFile(const FileList& files, Operation& operation, const Fi
     std::atomic<std::size_t> next{0};
     const std::size_t threads = std::clamp<std::size_t>(std::thread::hardware_concurrency(), 2, 8);
     Workers workers(threads, [&](const std::stop_token& stop) -> Expected<void> {
+        Piece piece(readSize);
         for (std::size_t i = next++; i < files.size() && !stop.stop_requested(); i = next++)
-            if (auto done = work(*files[i], stop); !done)
+            if (auto done = work(*files[i], piece, stop); !done)
                 return done;
         return {};
     });
@@ -40,7 +42,7 @@ Expected<void> forEachFile(const FileList& files, Operation& operation, const Fi
 
 // What is wrong with the file, or an empty text.
 Expected<std::string> damageOf(const ManifestFile& file, const std::filesystem::path& path,
-                               const std::stop_token& stop)
+                               Piece& piece, const std::stop_token& stop)
 {
     const auto info = fileInfo(path);
     if (!info)
@@ -54,7 +56,6 @@ Expected<std::string> damageOf(const ManifestFile& file, const std::filesystem::
     const auto opened = File::open(path, File::Mode::Read);
     if (!opened)
         return tl::unexpected(opened.error());
-    static thread_local std::vector<std::byte> piece(readSize);
     Hasher hasher;
     for (std::uint64_t done = 0; done < file.size && !stop.stop_requested();) {
         const auto got = opened->readAt(done, piece);
@@ -87,19 +88,19 @@ Expected<std::vector<std::string>> findDamage(const Manifest& manifest,
     std::mutex mutex;
     std::vector<std::string> damage;
     Expected<void> unreadable;
-    const auto checked =
-        forEachFile(files, operation,
-                    [&](const ManifestFile& file, const std::stop_token& stop) -> Expected<void> {
-                        auto fault = damageOf(file, tree / fromUtf8(file.path), stop);
-                        const std::lock_guard lock(mutex);
-                        // A file that cannot be read says nothing; another one may still be proof
-                        // of damage.
-                        if (!fault)
-                            unreadable = tl::unexpected(std::move(fault).error());
-                        else if (!fault->empty())
-                            damage.push_back(file.path + ": " + *fault);
-                        return {};
-                    });
+    const auto checked = forEachFile(
+        files, operation,
+        [&](const ManifestFile& file, Piece& piece, const std::stop_token& stop) -> Expected<void> {
+            auto fault = damageOf(file, tree / fromUtf8(file.path), piece, stop);
+            const std::lock_guard lock(mutex);
+            // A file that cannot be read says nothing; another one may still be proof
+            // of damage.
+            if (!fault)
+                unreadable = tl::unexpected(std::move(fault).error());
+            else if (!fault->empty())
+                damage.push_back(file.path + ": " + *fault);
+            return {};
+        });
     if (!checked)
         return tl::unexpected(checked.error());
     if (damage.empty() && !unreadable)
@@ -118,7 +119,7 @@ Expected<void> flushTree(const Manifest& manifest, const std::filesystem::path& 
     sortForWork(files);
     return forEachFile(
         files, operation,
-        [&](const ManifestFile& file, const std::stop_token& stop) -> Expected<void> {
+        [&](const ManifestFile& file, Piece&, const std::stop_token& stop) -> Expected<void> {
             const auto opened = File::open(tree / fromUtf8(file.path), File::Mode::Read);
             if (!opened)
                 return tl::unexpected(opened.error());

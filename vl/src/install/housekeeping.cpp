@@ -1,7 +1,6 @@
 #include "vl/src/install/housekeeping.h"
 
 #include "vl/src/install/userfiles.h"
-#include "vl/src/platform/file.h"
 #include "vl/src/transport/catalogueservice.h"
 
 #include <algorithm>
@@ -51,7 +50,7 @@ bool retire(const RootLayout& layout, const InstalledTree& tree, const State& st
         if (!logged(carried, operation))
             return false;
     }
-    return logged(moveToTrash(layout, tree.id), operation);
+    return logged(moveToTrash(layout, tree.id, Patience::None), operation);
 }
 
 void clearVersions(const RootLayout& layout, const std::set<std::string>& kept,
@@ -70,7 +69,7 @@ void clearVersions(const RootLayout& layout, const std::set<std::string>& kept,
             folder.resize(folder.size() - 5);
         const bool ours = RootLayout::isTrashName(folder) || TreeId::fromFolderName(folder);
         if (ours && !kept.contains(folder))
-            logged(removeTree(layout.versions() / fromUtf8(entry.path)), operation);
+            logged(removeTree(layout.versions() / fromUtf8(entry.path), Patience::None), operation);
     }
 }
 
@@ -186,12 +185,13 @@ void removeOtherDownloads(const RootLayout& layout, const Journal& kept, Operati
     }
 }
 
-Expected<void> moveToTrash(const RootLayout& layout, const TreeId& id)
+Expected<void> moveToTrash(const RootLayout& layout, const TreeId& id, Patience patience)
 {
     const auto present = fileInfo(layout.tree(id));
     if (!present)
         return tl::unexpected(present.error());
-    return *present ? renameReplacing(layout.tree(id), layout.trash(id)) : Expected<void>();
+    return *present ? renameReplacing(layout.tree(id), layout.trash(id), patience)
+                    : Expected<void>();
 }
 
 } // namespace vl

@@ -3,6 +3,7 @@
 #include "vl/src/error.h"
 #include "vl/src/install/records.h"
 #include "vl/src/operation/operation.h"
+#include "vl/src/platform/file.h"
 
 #include <chrono>
 
@@ -28,6 +29,7 @@ bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operati
 void removeOtherDownloads(const RootLayout& layout, const Journal& kept, Operation& operation);
 
 /// Puts the folder of a version aside under its trash name; not an error when there is none.
-Expected<void> moveToTrash(const RootLayout& layout, const TreeId& id);
+Expected<void> moveToTrash(const RootLayout& layout, const TreeId& id,
+                           Patience patience = Patience::Usual);
 
 } // namespace vl

@@ -18,13 +18,6 @@ namespace {
 
 constexpr std::size_t maxDamageLines = 20;
 
-std::filesystem::path absoluteRoot(const std::filesystem::path& root)
-{
-    std::error_code error;
-    const auto absolute = std::filesystem::absolute(root, error);
-    return error ? root : absolute.lexically_normal();
-}
-
 /// The one operation that may run in this process at a time. Never waits, so that a callback that
 /// calls back into the library is refused instead of locked up.
 class Turn final
@@ -60,7 +53,7 @@ void logUnexpected(Log& log, const std::string& name, const char* what) noexcept
 
 Library::Library(const std::filesystem::path& root, bool readOnly,
                  std::basic_streambuf<char>* buffer, const CatalogueService::Limits& limits)
-    : m_layout(absoluteRoot(root)), m_readOnly(readOnly), m_transport(limits.transport),
+    : m_layout(absolutePath(root)), m_readOnly(readOnly), m_transport(limits.transport),
       m_catalogues(m_layout.root(), readOnly, limits, m_log)
 {
     m_log.setBuffer(buffer);

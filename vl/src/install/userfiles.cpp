@@ -2,6 +2,7 @@
 
 #include "vl/src/platform/file.h"
 
+#include <set>
 #include <string>
 #include <string_view>
 
@@ -38,8 +39,12 @@ Expected<void> carryUserFiles(const std::filesystem::path& from, const Manifest&
     const auto entries = listTree(from);
     if (!entries)
         return tl::unexpected(entries.error());
+    // A folder may show a name in another case than the manifest.
+    std::set<std::string> ours;
+    for (const ManifestFile& file : manifest.files)
+        ours.insert(pathKey(file.path));
     for (const TreeEntry& entry : *entries) {
-        if (entry.info.kind == FileKind::Directory || manifest.find(entry.path) != nullptr)
+        if (entry.info.kind == FileKind::Directory || ours.contains(pathKey(entry.path)))
             continue;
         const std::filesystem::path path = fromUtf8(entry.path);
         const auto place = freePlace(to, path);

@@ -33,19 +33,25 @@ fs::path temporaryBeside(const fs::path& path)
                     std::to_string(counter++) + std::string(temporarySuffix));
 }
 
-// A full disk is a system failure like any other; everything else means the folder cannot be.
-tl::unexpected<Error> folderFailure(const fs::path& path, int error)
+// Takes what kind of thing lies at `path` from its listing: a link is removed, not followed.
+Expected<void> removeEntry(const fs::path& path, FileKind kind, Patience patience)
 {
-    const bool full = error == ENOSPC || error == EDQUOT;
-    return fileFailure("make folder", path, error,
-                       full ? vlupd::SYSTEM_CALL_ERROR : vlupd::CREATE_DIR_ERROR);
-}
-
-FileKind kindOf(fs::file_type type)
-{
-    if (type == fs::file_type::regular)
-        return FileKind::File;
-    return type == fs::file_type::directory ? FileKind::Directory : FileKind::Other;
+    if (kind == FileKind::Directory) {
+        auto entries = listDirectory(path);
+        if (!entries) {
+            // It may have been closed to its owner.
+            std::error_code ignored;
+            fs::permissions(path, fs::perms::owner_all, fs::perm_options::add, ignored);
+            entries = listDirectory(path);
+        }
+        if (!entries)
+            return tl::unexpected(std::move(entries).error());
+        for (const TreeEntry& entry : *entries)
+            if (auto removed = removeEntry(path / fromUtf8(entry.path), entry.info.kind, patience);
+                !removed)
+                return removed;
+    }
+    return removeFile(path, patience);
 }
 
 Expected<void> listInto(const fs::path& directory, const std::string& prefix,
@@ -67,17 +73,6 @@ Expected<void> listInto(const fs::path& directory, const std::string& prefix,
 
 } // namespace
 
-std::string toUtf8(const fs::path& path)
-{
-    const std::u8string text = path.generic_u8string();
-    return {text.begin(), text.end()};
-}
-
-fs::path fromUtf8(std::string_view text)
-{
-    return {std::u8string(text.begin(), text.end())};
-}
-
 void setFileFault(std::function<std::optional<int>(FileOperation, const fs::path&)> fault)
 {
     faultSeam() = std::move(fault);
@@ -93,44 +88,6 @@ tl::unexpected<Error> fileFailure(const char* what, const fs::path& path, int er
 {
     return failure(code,
                    std::string("cannot ") + what + " " + toUtf8(path) + ": " + systemReason(error));
-}
-
-Expected<std::optional<FileInfo>> fileInfo(const fs::path& path)
-{
-    std::error_code error;
-    const fs::file_status status = fs::symlink_status(path, error);
-    if (status.type() == fs::file_type::not_found)
-        return std::nullopt;
-    FileInfo info;
-    if (status.type() != fs::file_type::none)
-        info.kind = kindOf(status.type());
-    if (info.kind == FileKind::File) {
-        info.size = fs::file_size(path, error);
-        if (!error)
-            info.modified = fs::last_write_time(path, error);
-    }
-    if (status.type() == fs::file_type::none || error)
-        return fileFailure("look at", path, error.value());
-    return info;
-}
-
-Expected<std::vector<TreeEntry>> listDirectory(const fs::path& path)
-{
-    std::vector<TreeEntry> entries;
-    std::error_code error;
-    fs::directory_iterator iterator(path, error);
-    if (error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory)
-        return entries;
-    for (; !error && iterator != fs::directory_iterator(); iterator.increment(error)) {
-        const auto info = fileInfo(iterator->path());
-        if (!info)
-            return tl::unexpected(info.error());
-        if (*info) // else it was removed meanwhile
-            entries.push_back({toUtf8(iterator->path().filename()), **info});
-    }
-    if (error)
-        return fileFailure("list", path, error.value());
-    return entries;
 }
 
 Expected<std::vector<TreeEntry>> listTree(const fs::path& path)
@@ -187,73 +144,12 @@ bool isTemporaryName(std::string_view name)
     return name.starts_with('.') && name.ends_with(temporarySuffix);
 }
 
-Expected<void> makeDirectories(const fs::path& path)
-{
-    if (const auto fault = fileFault(FileOperation::MakeDirectory, path))
-        return folderFailure(path, *fault);
-    std::error_code error;
-    fs::create_directories(path, error);
-    if (!error && !fs::is_directory(path, error) && !error)
-        error = std::make_error_code(std::errc::not_a_directory);
-    if (error)
-        return folderFailure(path, error.value());
-    return {};
-}
-
-Expected<void> removeFile(const fs::path& path)
-{
-    if (const auto fault = fileFault(FileOperation::Remove, path))
-        return fileFailure("remove", path, *fault);
-    std::error_code error;
-    fs::remove(path, error);
-    if (error == std::errc::permission_denied || error == std::errc::operation_not_permitted) {
-        // A read-only file (Windows) or its read-only folder (POSIX) stands in the way.
-        std::error_code ignored;
-        fs::permissions(path, fs::perms::owner_write,
-                        fs::perm_options::add | fs::perm_options::nofollow, ignored);
-        fs::permissions(path.parent_path(), fs::perms::owner_all, fs::perm_options::add, ignored);
-        fs::remove(path, error);
-    }
-    if (error)
-        return fileFailure("remove", path, error.value());
-    return {};
-}
-
-Expected<void> removeTree(const fs::path& path)
+Expected<void> removeTree(const fs::path& path, Patience patience)
 {
     const auto info = fileInfo(path);
     if (!info)
         return tl::unexpected(info.error());
-    if (!*info)
-        return {};
-    if ((*info)->kind == FileKind::Directory) {
-        std::error_code error;
-        fs::directory_iterator iterator(path, error);
-        if (error == std::errc::permission_denied) {
-            fs::permissions(path, fs::perms::owner_all, fs::perm_options::add, error);
-            iterator = fs::directory_iterator(path, error);
-        }
-        std::vector<fs::path> children;
-        for (; !error && iterator != fs::directory_iterator(); iterator.increment(error))
-            children.push_back(iterator->path());
-        if (error)
-            return fileFailure("list", path, error.value());
-        for (const fs::path& child : children)
-            if (auto removed = removeTree(child); !removed)
-                return removed;
-    }
-    return removeFile(path);
-}
-
-Expected<std::uint64_t> freeSpace(const fs::path& path)
-{
-    if (fileFault(FileOperation::FreeSpace, path))
-        return std::uint64_t{0};
-    std::error_code error;
-    const fs::space_info space = fs::space(path, error);
-    if (error)
-        return fileFailure("ask for the free space of", path, error.value());
-    return static_cast<std::uint64_t>(space.available);
+    return *info ? removeEntry(path, (*info)->kind, patience) : Expected<void>();
 }
 
 } // namespace vl

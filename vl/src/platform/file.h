@@ -33,7 +33,7 @@ public:
     File(File&& other) noexcept;
     File& operator=(File&& other) noexcept;
 
-    /// `permissions`: of a new file, less what the process's mask takes away.
+    /// `permissions`: of a new file, less what the process's mask takes away; Windows has none.
     static Expected<File> open(const std::filesystem::path& path, Mode mode,
                                std::uint32_t permissions = 0644);
 
@@ -92,22 +92,34 @@ Expected<void> writeWholeFile(const std::filesystem::path& path, std::string_vie
 bool isTemporaryName(std::string_view name);
 
 Expected<void> makeDirectories(const std::filesystem::path& path);
+
+/// What to do where Windows refuses because another program has a file open.
+enum class Patience {
+    Usual, ///< ask again for about two seconds: a virus scanner lets go soon
+    None,  ///< somebody else will ask again later
+};
+
 /// Renames over an existing file; one step.
-Expected<void> renameReplacing(const std::filesystem::path& from, const std::filesystem::path& to);
+Expected<void> renameReplacing(const std::filesystem::path& from, const std::filesystem::path& to,
+                               Patience patience = Patience::Usual);
 /// Makes the entries of a directory durable.
 Expected<void> syncDirectory(const std::filesystem::path& path);
 /// Makes everything written so far to the volume of `path` durable, names included.
 Expected<void> syncVolume(const std::filesystem::path& path);
 /// Removes one file, read-only ones too; not an error when it does not exist.
-Expected<void> removeFile(const std::filesystem::path& path);
+Expected<void> removeFile(const std::filesystem::path& path, Patience patience = Patience::Usual);
 /// Removes a tree without following links, read-only entries too; not an error when there is none.
-Expected<void> removeTree(const std::filesystem::path& path);
+Expected<void> removeTree(const std::filesystem::path& path, Patience patience = Patience::Usual);
 /// Bytes that this user may still write on the volume of `path`.
 Expected<std::uint64_t> freeSpace(const std::filesystem::path& path);
 
 /// UTF-8 of a path, "/" separators, and back: what every format and log line uses.
 std::string toUtf8(const std::filesystem::path& path);
 std::filesystem::path fromUtf8(std::string_view text);
+/// `path` from the current folder on, without "." and "..".
+std::filesystem::path absolutePath(const std::filesystem::path& path);
+/// The same text for all UTF-8 paths that are one file because the system ignores case.
+std::string pathKey(std::string_view path);
 
 enum class FileOperation {
     Open,

@@ -209,7 +209,7 @@ Expected<void> File::sync()
     return {};
 }
 
-Expected<void> renameReplacing(const fs::path& from, const fs::path& to)
+Expected<void> renameReplacing(const fs::path& from, const fs::path& to, Patience /*patience*/)
 {
     if (const auto fault = fileFault(FileOperation::Rename, to))
         return fileFailure("rename to", to, *fault);

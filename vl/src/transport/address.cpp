@@ -83,7 +83,10 @@ Expected<std::filesystem::path> folderOfFileAddress(const std::string& address)
     const Expected<Url> url = parse(address);
     if (!url)
         return tl::unexpected(url.error());
-    return fromUtf8(part(*url, CURLUPART_PATH, CURLU_URLDECODE));
+    // Only Windows has files on other machines: file://server/share/folder.
+    const std::string host = part(*url, CURLUPART_HOST);
+    return fromUtf8((host.empty() ? "" : "//" + host) +
+                    part(*url, CURLUPART_PATH, CURLU_URLDECODE));
 }
 
 } // namespace vl

@@ -1,0 +1,92 @@
+#include "vl/src/platform/fileerror.h"
+#include "vl/src/platform/lock.h"
+#include "vl/src/platform/windowssystem.h"
+
+#include <windows.h>
+
+#include <utility>
+
+namespace vl {
+
+namespace {
+
+HANDLE systemHandle(std::intptr_t handle)
+{
+    return reinterpret_cast<HANDLE>(handle);
+}
+
+// Who may not remove the file while it is open cannot make a second lock of the same name.
+HANDLE openLockFile(const std::filesystem::path& path, DWORD access, DWORD disposition)
+{
+    return CreateFileW(systemPath(path).c_str(), access, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                       nullptr, disposition, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT,
+                       nullptr);
+}
+
+Expected<void> lock(std::intptr_t handle, DWORD kind, const std::filesystem::path& root,
+                    const std::filesystem::path& file, const char* doing)
+{
+    OVERLAPPED firstByte{};
+    if (LockFileEx(systemHandle(handle), kind | LOCKFILE_FAIL_IMMEDIATELY, 0, 1, 0, &firstByte) !=
+        0)
+        return {};
+    const SystemError error = GetLastError();
+    if (error != ERROR_LOCK_VIOLATION && error != ERROR_IO_PENDING)
+        return systemFailure("lock", file, error);
+    return failure(vlupd::SYSTEM_CALL_ERROR,
+                   std::string("another process is ") + doing + " " + toUtf8(root));
+}
+
+} // namespace
+
+RootLock::~RootLock()
+{
+    if (m_handle != closedHandle)
+        CloseHandle(systemHandle(m_handle));
+}
+
+RootLock::RootLock(RootLock&& other) noexcept
+    : m_handle(std::exchange(other.m_handle, closedHandle))
+{
+}
+
+RootLock& RootLock::operator=(RootLock&& other) noexcept
+{
+    std::swap(m_handle, other.m_handle);
+    return *this;
+}
+
+Expected<RootLock> RootLock::tryTake(const std::filesystem::path& root)
+{
+    const std::filesystem::path path = root / "vl.lock";
+    if (const auto fault = fileFault(FileOperation::Open, path))
+        return fileFailure("open", path, *fault);
+    RootLock taken;
+    HANDLE opened = openLockFile(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
+    if (opened == INVALID_HANDLE_VALUE)
+        return systemFailure("open", path, GetLastError());
+    taken.m_handle = reinterpret_cast<std::intptr_t>(opened);
+    if (auto locked = lock(taken.m_handle, LOCKFILE_EXCLUSIVE_LOCK, root, path, "using"); !locked)
+        return tl::unexpected(std::move(locked).error());
+    return taken;
+}
+
+Expected<RootLock> RootLock::tryTakeShared(const std::filesystem::path& root)
+{
+    const std::filesystem::path path = root / "vl.lock";
+    if (const auto fault = fileFault(FileOperation::Open, path))
+        return fileFailure("open", path, *fault);
+    RootLock taken;
+    HANDLE opened = openLockFile(path, GENERIC_READ, OPEN_EXISTING);
+    if (opened == INVALID_HANDLE_VALUE) {
+        const SystemError error = GetLastError();
+        return isMissing(error) ? Expected<RootLock>(std::move(taken))
+                                : systemFailure("open", path, error);
+    }
+    taken.m_handle = reinterpret_cast<std::intptr_t>(opened);
+    if (auto locked = lock(taken.m_handle, 0, root, path, "changing"); !locked)
+        return tl::unexpected(std::move(locked).error());
+    return taken;
+}
+
+} // namespace vl
