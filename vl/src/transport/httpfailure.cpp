@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string_view>
+#include <utility>
 
 namespace vl {
 
@@ -14,19 +16,47 @@ constexpr long certificateExpired = 10;
 
 constexpr curl_off_t longestRetryAfter = 24L * 60 * 60; // seconds
 
-const char* certificateFault(CURL* easy)
+constexpr auto otherServer = "the server's certificate is not for this server";
+constexpr auto notToday =
+    "the server's certificate is not valid today (is this computer's clock right?)";
+constexpr auto unknownAuthority =
+    "the server's certificate is not vouched for by a known authority";
+
+#if defined(_WIN32)
+constexpr long refused = WSAECONNREFUSED;
+#else
+constexpr long refused = ECONNREFUSED;
+#endif
+
+// The TLS of Windows leaves no number, only the names of its errors among the words.
+const char* namedCertificateFault(std::string_view words)
 {
+    static constexpr std::pair<std::string_view, const char*> names[] = {
+        {"SEC_E_WRONG_PRINCIPAL", otherServer}, {"connection hostname", otherServer},
+        {"SEC_E_CERT_EXPIRED", notToday},       {"NOT_TIME_VALID", notToday},
+        {"UNTRUSTED_ROOT", unknownAuthority},   {"PARTIAL_CHAIN", unknownAuthority},
+    };
+    for (const auto& [name, fault] : names)
+        if (words.find(name) != std::string_view::npos)
+            return fault;
+    return nullptr;
+}
+
+const char* certificateFault(CURL* easy, std::string_view words)
+{
+    if (const char* named = namedCertificateFault(words))
+        return named;
     long result = 0;
     curl_easy_getinfo(easy, CURLINFO_SSL_VERIFYRESULT, &result);
     switch (result) {
     case 0:
     case notVerified:
-        return "the server's certificate is not for this server";
+        return otherServer;
     case certificateNotYetValid:
     case certificateExpired:
-        return "the server's certificate is not valid today (is this computer's clock right?)";
+        return notToday;
     default:
-        return "the server's certificate is not vouched for by a known authority";
+        return unknownAuthority;
     }
 }
 
@@ -34,7 +64,7 @@ std::string connectionFault(CURL* easy)
 {
     long number = 0;
     curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
-    return number == ECONNREFUSED ? "the server refuses connections" : "the server is out of reach";
+    return number == refused ? "the server refuses connections" : "the server is out of reach";
 }
 
 std::string timeFault(CURL* easy, const SourceOptions& options)
@@ -73,11 +103,13 @@ HttpFailure failureOfTransfer(CURL* easy, CURLcode code, const char* words,
         text = timeFault(easy, options);
         break;
     case CURLE_PEER_FAILED_VERIFICATION:
-        text = certificateFault(easy);
+        text = certificateFault(easy, words);
         result.transient = false;
         break;
     case CURLE_SSL_CONNECT_ERROR:
-        text = "no secure connection to the server";
+        result.transient = namedCertificateFault(words) == nullptr;
+        text =
+            result.transient ? "no secure connection to the server" : certificateFault(easy, words);
         break;
     case CURLE_PARTIAL_FILE:
     case CURLE_GOT_NOTHING:
