@@ -3,6 +3,7 @@
 #include <sodium.h>
 
 #include <algorithm>
+#include <iterator>
 #include <vector>
 
 namespace vl {
@@ -64,7 +65,7 @@ std::string toBase64(const Bytes& bytes)
 
 template <class Range> void append(Bytes& bytes, const Range& range)
 {
-    bytes.insert(bytes.end(), range.begin(), range.end());
+    std::copy(range.begin(), range.end(), std::back_inserter(bytes));
 }
 
 bool startsWith(const Bytes& bytes, std::string_view algorithm, std::size_t offset = 0)

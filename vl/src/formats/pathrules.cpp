@@ -179,7 +179,7 @@ std::string pathSetFault(std::span<const std::string_view> paths)
         const auto& [before, beforePath] = folded[i - 1];
         const auto& [after, afterPath] = folded[i];
         const std::string both =
-            "\"" + std::string(beforePath) + "\" and \"" + std::string(afterPath) + "\"";
+            '"' + std::string(beforePath) + "\" and \"" + std::string(afterPath) + '"';
         if (before == after)
             return both + " are one file where case or Unicode form makes no difference";
         if (after.size() > before.size() && after.starts_with(before) &&

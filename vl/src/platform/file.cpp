@@ -29,7 +29,7 @@ fs::path temporaryBeside(const fs::path& path)
     static std::atomic<unsigned> counter{0};
     const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
     return path.parent_path() /
-           fromUtf8("." + toUtf8(path.filename()) + "." + std::to_string(stamp) + "-" +
+           fromUtf8(std::string(".") + toUtf8(path.filename()) + "." + std::to_string(stamp) + "-" +
                     std::to_string(counter++) + std::string(temporarySuffix));
 }
 

@@ -145,7 +145,9 @@ bool isMissing(SystemError error)
 
 bool isLink(unsigned long attributes, unsigned long tag)
 {
-    return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 && IsReparseTagNameSurrogate(tag);
+    // What is not told is not followed either.
+    return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
+           (tag == 0 || IsReparseTagNameSurrogate(tag));
 }
 
 bool isHeld(SystemError error)
