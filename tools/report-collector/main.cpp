@@ -1,4 +1,5 @@
 #include "tools/report-collector/collectorserver.h"
+#include "tools/utf8terminal.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -29,10 +30,14 @@ int main(int argc, char** argv)
     options.add_option("--idle-timeout", idleSeconds, "Seconds until a silent sender is dropped")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
-    CLI11_PARSE(options, argc, argv);
+    const QCoreApplication application(argc, argv);
+    try {
+        options.parse(utf8Arguments(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        return options.exit(error);
+    }
 
-    QCoreApplication application(argc, argv);
-    const QDir reports(QString::fromLocal8Bit(folder.data()));
+    const QDir reports(QString::fromStdString(folder));
     if (!reports.mkpath(QStringLiteral("."))) {
         print(QStringLiteral("Cannot create the folder ") + reports.absolutePath());
         return 1;

@@ -1,4 +1,5 @@
 #include "tools/sample-simulator/releasedata.h"
+#include "tools/utf8terminal.h"
 
 #include <CLI/CLI.hpp>
 
@@ -27,12 +28,14 @@ int main(int argc, char* argv[])
     unsigned revision = 0;
     app.add_option("FOLDER", folder, "Folder to make (anything in it is replaced)")->required();
     app.add_option("VERSION", version, "Version text that the simulator shows")->required();
-    app.add_option("--simulator", simulator, "The sample-simulator program to pack")
-        ->required()
-        ->check(CLI::ExistingFile);
+    app.add_option("--simulator", simulator, "The sample-simulator program to pack")->required();
     app.add_option("--revision", revision, "State of the data: 0, 1, 2, ...")
         ->check(CLI::Range(0U, 100U));
-    CLI11_PARSE(app, argc, argv);
+    try {
+        app.parse(utf8Arguments(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
 
     try {
         const fs::path root = utf8Path(folder);
@@ -40,7 +43,7 @@ int main(int argc, char* argv[])
         fs::create_directories(root / "bin");
         const fs::path program = utf8Path(simulator);
         fs::copy_file(program, root / "bin" / program.filename());
-        std::ofstream(root / "version.txt") << version << '\n';
+        std::ofstream(root / "version.txt", std::ios::binary) << version << '\n';
         writeReleaseData(root, revision);
     } catch (const std::exception& error) {
         std::cerr << "make-sample-release: " << folder << ": " << error.what() << '\n';

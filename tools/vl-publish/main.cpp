@@ -1,3 +1,4 @@
+#include "tools/utf8terminal.h"
 #include "tools/vl-publish/publisher.h"
 #include "tools/vl-publish/terminal.h"
 #include "vl/src/formats/pathrules.h"
@@ -7,6 +8,7 @@
 
 #include <iomanip>
 #include <iostream>
+#include <utility>
 
 // vl-publish: makes and checks release repositories. Exit code 0, or 1 with one line that says why.
 namespace {
@@ -166,7 +168,7 @@ int fail(const std::string& message)
     return 1;
 }
 
-int run(int argc, char** argv)
+int run(std::vector<std::string> commandLine)
 {
     CLI::App app("Makes and checks release repositories of the update library.", "vl-publish");
     app.require_subcommand(1);
@@ -243,7 +245,7 @@ int run(int argc, char** argv)
     publicKey(verify);
 
     try {
-        app.parse(argc, argv);
+        app.parse(std::move(commandLine));
     } catch (const CLI::Success& success) {
         return app.exit(success); // --help
     } catch (const CLI::ParseError& error) {
@@ -258,7 +260,7 @@ int run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     try {
-        return run(argc, argv);
+        return run(utf8Arguments(argc, argv));
     } catch (const std::exception& error) {
         return fail(error.what());
     }

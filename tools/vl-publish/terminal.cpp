@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <iostream>
 #ifdef _WIN32
-#include <io.h>
+#include <windows.h>
 #else
 #include <unistd.h>
 #endif
@@ -18,7 +18,11 @@ using namespace std::chrono_literals;
 bool errorsGoToTerminal()
 {
 #ifdef _WIN32
-    return _isatty(_fileno(stderr)) != 0;
+    // A console that cannot clear a line gets none that is to be cleared.
+    HANDLE errors = GetStdHandle(STD_ERROR_HANDLE);
+    DWORD mode = 0;
+    return GetConsoleMode(errors, &mode) != 0 &&
+           SetConsoleMode(errors, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 #else
     return isatty(STDERR_FILENO) != 0;
 #endif
