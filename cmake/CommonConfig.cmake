@@ -16,6 +16,10 @@ if(WIN32)
     # Windows 10 is the oldest; every call that takes texts takes wide ones.
     target_compile_definitions(varnel_common_config INTERFACE
         _WIN32_WINNT=0x0A00 UNICODE _UNICODE WIN32_LEAN_AND_MEAN NOMINMAX)
+    # A program completes launcher_core with the update library of its choice, which this linker
+    # would have looked through before it comes to launcher_core.
+    string(REPLACE "<LINK_LIBRARIES>" "-Wl,--start-group <LINK_LIBRARIES> -Wl,--end-group"
+        CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_CXX_LINK_EXECUTABLE}")
 endif()
 
 if(VARNEL_SANITIZE)
