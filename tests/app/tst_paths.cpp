@@ -39,8 +39,10 @@ void TestPaths::directorySizes_data()
     row("папка/b/one=10 папка/two=20", 30);
     row("seen=1 .hidden=10 .folder/file=100 a/.hidden=1000", 1);
     row(".hidden=10", 0);
+#ifndef Q_OS_WIN // there, a right of its own is needed to make them
     row("a/file=10 a/loop>..", 10);
     row("dangling>nowhere", 0);
+#endif
     QStringList many; // enough of them that the work is shared
     for (int i = 0; i < 2500; ++i)
         many << QStringLiteral("%1=%1").arg(i);

@@ -1,10 +1,15 @@
 #include "tests/support/httpserver.h"
 
+#if defined(_WIN32)
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#else
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <array>
@@ -22,10 +27,87 @@ namespace {
 
 constexpr std::uint64_t pieceSize = 256U << 10U;
 
-bool sendAll(int socket, const std::string& bytes)
+constexpr Socket noSocket = static_cast<Socket>(-1);
+
+#if defined(_WIN32)
+constexpr int unsignalled = 0;
+using Length = int;
+
+Socket openSocket()
+{
+    static const int started = [] {
+        WSADATA data;
+        return WSAStartup(MAKEWORD(2, 2), &data);
+    }();
+    return started == 0 ? ::socket(AF_INET, SOCK_STREAM, 0) : noSocket;
+}
+
+void hangUp(Socket socket)
+{
+    ::shutdown(socket, SD_BOTH);
+    CancelIoEx(reinterpret_cast<HANDLE>(socket), nullptr); // a receive() goes on waiting otherwise
+}
+
+void closeSocket(Socket socket)
+{
+    ::closesocket(socket);
+}
+
+Socket acceptOne(Socket listener)
+{
+    return ::accept(listener, nullptr, nullptr);
+}
+
+bool isReadable(Socket socket)
+{
+    WSAPOLLFD watched{socket, POLLIN, 0};
+    return WSAPoll(&watched, 1, 0) > 0;
+}
+#else
+constexpr int unsignalled = MSG_NOSIGNAL;
+using Length = std::size_t;
+
+Socket openSocket()
+{
+    return ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+}
+
+void hangUp(Socket socket)
+{
+    ::shutdown(socket, SHUT_RDWR);
+}
+
+void closeSocket(Socket socket)
+{
+    ::close(socket);
+}
+
+Socket acceptOne(Socket listener)
+{
+    return ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+}
+
+bool isReadable(Socket socket)
+{
+    pollfd watched{socket, POLLIN, 0};
+    return ::poll(&watched, 1, 0) > 0;
+}
+#endif
+
+sockaddr_in loopback(std::uint16_t port)
+{
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    name.sin_port = htons(port);
+    return name;
+}
+
+bool sendAll(Socket socket, const std::string& bytes)
 {
     for (std::size_t done = 0; done < bytes.size();) {
-        const ssize_t sent = ::send(socket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        const auto sent = ::send(socket, bytes.data() + done,
+                                 static_cast<Length>(bytes.size() - done), unsignalled);
         if (sent <= 0)
             return false;
         done += static_cast<std::size_t>(sent);
@@ -38,12 +120,12 @@ bool sendAll(int socket, const std::string& bytes)
 struct HttpServer::Request
 {
     /// Takes the next request off `buffer`, reading what is missing. False when there is none.
-    bool read(int socket, std::string& buffer)
+    bool read(Socket socket, std::string& buffer)
     {
         std::size_t end = 0;
         while ((end = buffer.find("\r\n\r\n")) == std::string::npos) {
             std::array<char, 4096> bytes{};
-            const ssize_t got = ::recv(socket, bytes.data(), bytes.size(), 0);
+            const auto got = ::recv(socket, bytes.data(), bytes.size(), 0);
             if (got <= 0)
                 return false;
             buffer.append(bytes.data(), static_cast<std::size_t>(got));
@@ -87,12 +169,11 @@ struct HttpServer::Answer
 
 HttpServer::HttpServer(std::filesystem::path folder) : m_folder(std::move(folder))
 {
-    m_listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    m_listener = openSocket();
+    sockaddr_in name = loopback(0);
     socklen_t length = sizeof(name);
-    if (m_listener < 0 || ::bind(m_listener, reinterpret_cast<sockaddr*>(&name), length) != 0 ||
+    if (m_listener == noSocket ||
+        ::bind(m_listener, reinterpret_cast<sockaddr*>(&name), length) != 0 ||
         ::listen(m_listener, 64) != 0 ||
         ::getsockname(m_listener, reinterpret_cast<sockaddr*>(&name), &length) != 0)
         throw std::runtime_error("the test server cannot listen");
@@ -114,14 +195,18 @@ void HttpServer::stop()
 {
     if (m_stopping.exchange(true))
         return;
-    ::shutdown(m_listener, SHUT_RDWR);
+    // Only a connection ends the waiting for one on every system.
+    const Socket last = openSocket();
+    const sockaddr_in name = loopback(m_port);
+    ::connect(last, reinterpret_cast<const sockaddr*>(&name), sizeof(name));
     m_acceptor.join();
-    ::close(m_listener);
+    closeSocket(m_listener);
+    closeSocket(last);
     for (const auto& [socket, thread] : m_connections)
-        ::shutdown(socket, SHUT_RDWR);
+        hangUp(socket);
     for (auto& [socket, thread] : m_connections) {
         thread.join();
-        ::close(socket);
+        closeSocket(socket);
     }
     m_connections.clear();
 }
@@ -155,17 +240,18 @@ HttpServer::Counts HttpServer::counted(const std::string& path) const
 void HttpServer::acceptConnections()
 {
     while (!m_stopping) {
-        const int socket = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC);
-        if (socket < 0)
+        const Socket socket = acceptOne(m_listener);
+        if (socket == noSocket)
             continue;
         const int on = 1;
-        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+        ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on),
+                     sizeof(on));
         // Sockets are closed only in stop(): a number that is used again would be shut down there.
         m_connections.emplace_back(socket, [this, socket] { serve(socket); });
     }
 }
 
-void HttpServer::serve(int socket)
+void HttpServer::serve(Socket socket)
 {
     std::string buffer;
     Request request;
@@ -177,7 +263,7 @@ void HttpServer::serve(int socket)
             !answer.keepAlive || fault.closes)
             break;
     }
-    ::shutdown(socket, SHUT_RDWR);
+    hangUp(socket);
 }
 
 Misbehaviour HttpServer::count(const std::string& path)
@@ -268,7 +354,7 @@ HttpServer::Answer HttpServer::answerFor(const Request& request, const Misbehavi
     return answer;
 }
 
-bool HttpServer::sendBody(int socket, const std::string& path, const Answer& answer,
+bool HttpServer::sendBody(Socket socket, const std::string& path, const Answer& answer,
                           const Misbehaviour& fault)
 {
     const std::uint64_t fileBytes = answer.end - answer.first;
@@ -319,15 +405,15 @@ void HttpServer::countSent(const std::string& path, std::uint64_t bytes)
     m_counts[path].bytes += bytes;
 }
 
-bool HttpServer::stall(int socket)
+bool HttpServer::stall(Socket socket)
 {
     std::unique_lock lock(m_mutex);
     const int resets = m_resets;
     do {
         m_changed.wait_for(lock, std::chrono::milliseconds(20));
         // A client that hung up frees the thread, and nothing more counts as sent to it.
-        pollfd watched{socket, POLLRDHUP, 0};
-        if (::poll(&watched, 1, 0) > 0)
+        char next = 0;
+        if (isReadable(socket) && ::recv(socket, &next, 1, MSG_PEEK) <= 0)
             return false;
     } while (!m_stopping && m_resets == resets);
     return !m_stopping;

@@ -15,6 +15,12 @@
 
 namespace testsupport {
 
+#if defined(_WIN32)
+using Socket = std::uintptr_t;
+#else
+using Socket = int;
+#endif
+
 /// How the server misbehaves on one path. The fields combine; those left alone change nothing.
 struct Misbehaviour
 {
@@ -81,25 +87,25 @@ private:
     };
 
     void acceptConnections();
-    void serve(int socket);
+    void serve(Socket socket);
     Counts counted(const std::string& path) const;
     Misbehaviour count(const std::string& path);
     Answer answerFor(const Request& request, const Misbehaviour& fault) const;
-    bool sendBody(int socket, const std::string& path, const Answer& answer,
+    bool sendBody(Socket socket, const std::string& path, const Answer& answer,
                   const Misbehaviour& fault);
     void countSent(const std::string& path, std::uint64_t bytes);
     /// False when the client hung up meanwhile.
-    bool stall(int socket);
+    bool stall(Socket socket);
 
     std::filesystem::path m_folder;
-    int m_listener = -1;
+    Socket m_listener = static_cast<Socket>(-1);
     std::uint16_t m_port = 0;
     std::atomic<bool> m_stopping{false};
     std::thread m_acceptor;
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
-    std::vector<std::pair<int, std::thread>> m_connections;
+    std::vector<std::pair<Socket, std::thread>> m_connections;
     std::map<std::string, Misbehaviour> m_faults;
     std::map<std::string, Counts> m_counts;
     int m_resets = 0;

@@ -62,7 +62,8 @@ Outcome PublisherTest::run(const QString& commandLine) const
     process.start(QStringLiteral(VL_PUBLISH), QProcess::splitCommand(commandLine));
     process.waitForFinished();
     return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
-            process.readAllStandardOutput(), process.readAllStandardError()};
+            process.readAllStandardOutput().replace("\r\n", "\n"),
+            process.readAllStandardError().replace("\r\n", "\n")};
 }
 
 void PublisherTest::initTestCase()
@@ -76,8 +77,10 @@ void PublisherTest::initTestCase()
             writeFile(m_top / folder / path, contents);
     writeFile(m_top / "big/large.bin", someBytes(2 * vl::frameRawSize + 12345, 1));
     fs::create_directory(m_top / "big/nothing here");
+#ifndef Q_OS_WIN
     fs::create_symlink("sim", m_top / "linked/bin/link");
-    writeFile(m_top / "hostile/a:b", "");
+#endif
+    writeFile(m_top / "hostile/nul", "");
     writeFile(m_top / "good.json", R"({"fixes": ["Исправлено"]})");
     writeFile(m_top / "broken.json", "[1");
     writeFile(m_top / "text.json", R"({"features": "x"})");
@@ -111,6 +114,7 @@ void PublisherTest::publishedFolderIsListedVerifiedAndUnpackedByTar()
         QVERIFY2(catalogue.find(part) != std::string::npos, part);
     QCOMPARE(verify("new").exitCode, 0);
 
+#ifndef Q_OS_WIN // whose tar knows no zstd
     const fs::path pack = fs::directory_iterator(m_top / "new/packs")->path();
     fs::create_directory(m_top / "unpacked");
     QCOMPARE(QProcess::execute(QStringLiteral("tar"),
@@ -121,6 +125,7 @@ void PublisherTest::publishedFolderIsListedVerifiedAndUnpackedByTar()
     QVERIFY(filesIn(m_top / "unpacked") == filesIn(m_top / "big"));
     QVERIFY((fs::status(m_top / "unpacked/bin/sim").permissions() & fs::perms::owner_exec) !=
             fs::perms::none);
+#endif
 
     QCOMPARE(run(QStringLiteral("remove new 1.0.0 --secret-key s.key")).exitCode, 0);
     QCOMPARE(run(QStringLiteral("list new")).output, QByteArray());
@@ -132,7 +137,8 @@ void PublisherTest::equalInputGivesEqualOutput()
     qputenv("SOURCE_DATE_EPOCH", "1700000000");
     QCOMPARE(add("repo 1.1.0 rel", QStringLiteral("one 1.1.0 big")).exitCode, 0);
     for (const auto& entry : fs::recursive_directory_iterator(m_top / "big"))
-        fs::last_write_time(entry, fs::file_time_type::clock::now() - std::chrono::hours(1));
+        if (entry.is_regular_file())
+            fs::last_write_time(entry, fs::file_time_type::clock::now() - std::chrono::hours(1));
     QCOMPARE(add("repo 1.1.0 rel", QStringLiteral("two 1.1.0 big")).exitCode, 0);
     qunsetenv("SOURCE_DATE_EPOCH");
     const Files one = filesIn(m_top / "one");
@@ -165,8 +171,10 @@ void PublisherTest::badCommandsAreRefused_data()
     addRow("1.1.0", "0.9.0-rc", "nothing but case");
     addRow("1.1.0", "..", "\"..\"");
     addRow("rel", "nowhere", "nowhere");
-    addRow("rel", "hostile", "\"a:b\"");
+    addRow("rel", "hostile", "\"nul\"");
+#ifndef Q_OS_WIN
     addRow("rel", "linked", "\"bin/link\": it is a symbolic link");
+#endif
     addRow("repo", "rel/repo", "inside");
     row({}, "subcommand");
     row(QStringLiteral("keygen --secret-key s.key --public-key q.pub"), "exists");

@@ -93,7 +93,7 @@ void MainWindowTest::init()
 /// Lets `version` be installed into a folder with one file of 5 bytes.
 void MainWindowTest::makeInstalled(const QString& version)
 {
-    QFile file(m_folder->filePath(QStringLiteral("simulator")));
+    QFile file(m_folder->filePath(QStringLiteral("simulator.exe"))); // what Windows can execute
     QVERIFY(file.open(QIODevice::WriteOnly) && file.write("12345") == 5);
     scripted::Script changed = m_script;
     changed.installed[version.toStdString()] = {m_folder->path().toStdString()};
@@ -197,7 +197,7 @@ void MainWindowTest::startsTheSimulator()
     QCOMPARE(scripted::callsOf("getAppExecutablePath"),
              std::vector<std::string>{"1.2.0 default_exec"});
     QVERIFY(scripted::callsOf("installVersion").empty());
-    const QFileInfo executable(m_folder->filePath(QStringLiteral("simulator")));
+    const QFileInfo executable(m_folder->filePath(QStringLiteral("simulator.exe")));
     QVERIFY(executable.permission(QFile::ExeOwner | QFile::ExeOther));
     QVERIFY(!(executable.permissions() & QFile::WriteOwner));
     QVERIFY(isIdle(window));

@@ -131,7 +131,7 @@ fs::path Root::tree() const
 QString Root::leftovers() const
 {
     QStringList found;
-    const std::string folder = tree().filename();
+    const std::string folder = tree().filename().string();
     for (const char* place : {".", "versions", "downloads", "manifests", "catalogue"}) {
         const std::string name = place;
         for (const auto& entry : need(vl::listDirectory(path() / name))) {

@@ -84,7 +84,9 @@ void InstallTest::installs()
         QCOMPARE(it.root.leftovers(), QString());
         const auto program = it.library.getAppExecutablePath(version, "default_exec");
         QVERIFY(program && program->is_absolute() && *program == it.root.tree() / "bin/simulator");
+#ifndef Q_OS_WIN
         QCOMPARE(fs::status(*program).permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
+#endif
         QVERIFY(!it.library.getAppExecutablePath(version, "other_exec"));
         QVERIFY(!it.library.getAppExecutablePath("1.5.0", "default_exec"));
     }
@@ -189,10 +191,12 @@ void InstallTest::damageIsFound_data()
     row("missing", broken, "данные/карта.txt: missing",
         [](const fs::path& tree) { fs::remove_all(tree / "данные"); });
     row("folder deleted", broken, "missing", [](const fs::path& tree) { fs::remove_all(tree); });
+#ifndef Q_OS_WIN // there, a right of its own is needed to make one
     row("link to a right copy", broken, "shared.txt: not a regular file", [](const fs::path& tree) {
         fs::rename(tree / "shared.txt", tree / "copy");
         fs::create_symlink(tree / "copy", tree / "shared.txt");
     });
+#endif
     row("write permission gone, manifest lost", vlupd::OK, "", [](const fs::path& tree) {
         fs::permissions(tree / "bin/simulator", fs::perms::owner_read);
         fs::remove_all(tree / "../../manifests");
