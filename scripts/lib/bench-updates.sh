@@ -71,10 +71,10 @@ note_peak() { note peak ours "$(calculate "$(cat "$work/output") / 1024")"; }
 
 patch_with_zstd() { zstd -q -19 --patch-from="$1" "$2" -o "$3"; }
 patch_with_xdelta3() { xdelta3 -e -9 -f -B "$(($(stat -c %s "$1") + 1048576))" -s "$1" "$2" "$3"; }
-# Its memory is 17 times the file; the larger ones are left to zstd.
+# Its memory is 17 times the file; of the larger ones it takes the patches of zstd.
 patch_with_bsdiff() {
     if [ "$(stat -c %s "$1")" -gt $((160 << 20)) ]; then
-        patch_with_zstd "$@"
+        cp "${3/patches-bsdiff.part/patches-zstd}" "$3"
     else
         bsdiff "$@"
     fi
