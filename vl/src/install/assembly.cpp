@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 #include <utility>
 
 namespace vl {
@@ -104,16 +105,31 @@ Expected<void> Assembly::run()
         fetched = kept.finish(m_operation, {});
     if (!fetched)
         return fetched;
-    std::ranges::copy(kept.failed(), std::back_inserter(m_missing));
-    if (!kept.failed().empty())
-        m_operation.say(std::to_string(kept.failed().size()) +
-                        " files of the installed version are damaged or have been changed");
+    fetchInstead(kept.failed());
     // Only now is it known that nothing else has to be fetched.
     if (!m_missing.empty())
         if (fetched = fetchPack(); !fetched)
             return fetched;
     m_operation.endStage();
     return unpackRest();
+}
+
+// What the installed version turned out not to have. One file of each contents is fetched.
+void Assembly::fetchInstead(const std::vector<std::size_t>& files)
+{
+    if (files.empty())
+        return;
+    m_operation.say(std::to_string(files.size()) +
+                    " files of the installed version are damaged or have been changed");
+    std::map<std::pair<Hash, std::uint64_t>, std::size_t> fetched;
+    for (const std::size_t file : files) {
+        const ManifestFile& entry = m_target->files[file];
+        const auto [same, isFirst] = fetched.try_emplace({entry.hash, entry.size}, file);
+        if (isFirst)
+            m_missing.push_back(file);
+        else
+            m_sources.twins.push_back({file, same->second});
+    }
 }
 
 Expected<void> Assembly::fetchDelta()

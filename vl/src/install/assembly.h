@@ -50,6 +50,7 @@ public:
     Expected<void> run();
 
 private:
+    void fetchInstead(const std::vector<std::size_t>& files);
     Expected<void> fetchDelta();
     Expected<void> fetchPack();
     Expected<void> unpackRest();

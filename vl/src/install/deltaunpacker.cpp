@@ -42,6 +42,8 @@ struct DeltaUnpacker::Buffers
     std::vector<std::byte> compressed;
     std::vector<std::byte> base;
     std::vector<std::byte> raw;
+    File file; ///< the file of the older version that was read last, and its place there
+    std::optional<std::size_t> place;
 };
 
 DeltaUnpacker::DeltaUnpacker(const DeltaIndex& index, const Manifest& target,
@@ -137,21 +139,21 @@ bool DeltaUnpacker::waitForFrame(std::size_t index, const std::stop_token& stop)
 
 Expected<void> DeltaUnpacker::readFrame(std::size_t index, Buffers& buffers)
 {
-    const auto fill = [](const std::filesystem::path& path, std::uint64_t offset,
+    const auto fill = [](const File& file, std::uint64_t offset,
                          std::span<std::byte> bytes) -> Expected<void> {
-        const auto file = File::open(path, File::Mode::Read);
-        if (!file)
-            return tl::unexpected(file.error());
-        const auto got = file->readAt(offset, bytes);
+        const auto got = file.readAt(offset, bytes);
         if (!got)
             return tl::unexpected(got.error());
         if (*got != bytes.size())
-            return failure(vlupd::BROKEN_OR_MISSING, toUtf8(path) + " is too short");
+            return failure(vlupd::BROKEN_OR_MISSING, "a file is too short");
         return {};
     };
     const Frame& frame = m_index.frames[index];
     buffers.compressed.resize(static_cast<std::size_t>(frame.size));
-    if (auto read = fill(m_partFile, frame.offset, buffers.compressed); !read)
+    const auto pack = File::open(m_partFile, File::Mode::Read);
+    if (!pack)
+        return tl::unexpected(pack.error());
+    if (auto read = fill(*pack, frame.offset, buffers.compressed); !read)
         return read;
     std::size_t baseSize = 0;
     for (const FilePart& part : m_index.parts[index].base)
@@ -160,7 +162,16 @@ Expected<void> DeltaUnpacker::readFrame(std::size_t index, Buffers& buffers)
     std::span<std::byte> rest(buffers.base);
     for (const FilePart& part : m_index.parts[index].base) {
         const auto bytes = rest.first(static_cast<std::size_t>(part.size));
-        if (auto read = fill(m_base(part.file), part.offset, bytes); !read)
+        // Frames of a large file follow one another.
+        if (buffers.place != part.file) {
+            buffers.place.reset();
+            auto opened = File::open(m_base(part.file), File::Mode::Read);
+            if (!opened)
+                return tl::unexpected(std::move(opened).error());
+            buffers.file = std::move(*opened);
+            buffers.place = part.file;
+        }
+        if (auto read = fill(buffers.file, part.offset, bytes); !read)
             return read;
         rest = rest.subspan(bytes.size());
     }
@@ -232,8 +243,10 @@ void DeltaUnpacker::giveUp(std::size_t index)
     const std::lock_guard lock(m_mutex);
     for (const FilePart& part : m_index.parts[index].target) {
         const auto making = m_making.find(part.file);
-        if (making != m_making.end())
-            making->second.failed = true;
+        if (making == m_making.end())
+            continue;
+        making->second.failed = true;
+        making->second.file.reset(); // there may be more of them than can be open
     }
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 namespace vl {
 
@@ -263,7 +264,10 @@ void Installation::discardTree()
 {
     if (m_tree.empty())
         return;
-    for (const auto& removed : {removeFile(m_layout.sidecar(m_new.id)), removeTree(m_tree)})
+    std::vector<Expected<void>> done{removeFile(m_layout.sidecar(m_new.id)), removeTree(m_tree)};
+    for (std::size_t step = 1; step < maxDeltaSteps; ++step)
+        done.push_back(removeTree(m_layout.staging(m_new.id, step)));
+    for (const auto& removed : done)
         if (!removed)
             m_operation.say(removed.error().message + "; tried again later");
 }
