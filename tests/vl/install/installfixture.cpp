@@ -78,13 +78,22 @@ Releases::Releases(bool inMemory) : m_directory(temporaryFolder(inMemory))
 }
 
 void Releases::publish(const std::string& version, const Files& files,
-                       const std::optional<std::vector<std::string>>& deltaFrom)
+                       const std::optional<std::vector<std::string>>& deltaFrom,
+                       const std::vector<std::string>& programs)
 {
     const fs::path source = pathOf(m_directory) / "source";
     fs::remove_all(source);
     for (const auto& [path, contents] : files)
         writeFile(source / vl::fromUtf8(path), contents);
-    fs::permissions(source / "bin/simulator", fs::perms::owner_exec, fs::perm_options::add);
+    for (const std::string& program : programs)
+        fs::permissions(source / program, fs::perms::owner_exec, fs::perm_options::add);
+    publishFolder(version, source, deltaFrom);
+    m_files[version] = files;
+}
+
+void Releases::publishFolder(const std::string& version, const fs::path& source,
+                             const std::optional<std::vector<std::string>>& deltaFrom) const
+{
     vl::publish::AddRequest request;
     request.repository = folder();
     request.version = version;
@@ -97,7 +106,6 @@ void Releases::publish(const std::string& version, const Files& files,
     request.deltaFrom = deltaFrom;
     vl::publish::Progress progress;
     need(vl::publish::addVersion(request, progress));
-    m_files[version] = files;
 }
 
 std::pair<std::string, std::uint64_t> Releases::pack(const std::string& version) const

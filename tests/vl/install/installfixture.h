@@ -36,9 +36,13 @@ public:
     explicit Releases(bool inMemory = false);
 
     /// Publishes `files`; "bin/simulator" is the executable "default_exec". `deltaFrom`: as the
-    /// publisher's.
+    /// publisher's. `programs`: files that can be executed.
     void publish(const std::string& version, const Files& files,
-                 const std::optional<std::vector<std::string>>& deltaFrom = {});
+                 const std::optional<std::vector<std::string>>& deltaFrom = {},
+                 const std::vector<std::string>& programs = {"bin/simulator"});
+    /// Publishes what lies in a folder.
+    void publishFolder(const std::string& version, const std::filesystem::path& source,
+                       const std::optional<std::vector<std::string>>& deltaFrom = {}) const;
     const Files& files(const std::string& version) const { return m_files.at(version); }
     std::filesystem::path folder() const { return pathOf(m_directory) / "repository"; }
     const std::string& publicKey() const { return m_publicKey; }

@@ -1,11 +1,13 @@
 #include "tests/support/httpserver.h"
 #include "tests/vl/install/installfixture.h"
 #include "vl/src/formats/delta.h"
+#include "vl/src/platform/file.h"
 
 #include <QTest>
 
 #include <algorithm>
-#include <numeric>
+#include <cerrno>
+#include <fstream>
 
 namespace fs = std::filesystem;
 using testsupport::HttpServer;
@@ -36,18 +38,31 @@ Files oldFiles()
     return files;
 }
 
+/// The most memory that was held since the last call, in bytes; 0 where the system does not tell.
+std::uint64_t peakMemory()
+{
+    std::ifstream status("/proc/self/status");
+    std::uint64_t kibibytes = 0;
+    for (std::string word; status >> word && kibibytes == 0;)
+        if (word == "VmHWM:")
+            status >> kibibytes;
+    std::ofstream("/proc/self/clear_refs") << 5;
+    return kibibytes << 10U;
+}
+
 /// A root with a version installed, and the server that it updates from.
 struct Scene
 {
-    Releases releases{true};
-    std::unique_ptr<HttpServer> server;
-    std::unique_ptr<Root> root;
-    LogLines log;
+    bool inMemory = true;
+    Releases releases{inMemory};
+    std::unique_ptr<HttpServer> server{};
+    std::unique_ptr<Root> root{};
+    LogLines log{};
 
     void install(const std::string& version)
     {
         server = std::make_unique<HttpServer>(releases.folder());
-        root = std::make_unique<Root>(releases, server->address(), true);
+        root = std::make_unique<Root>(releases, server->address(), inMemory);
         QCOMPARE(VLUPD(root->path(), false, nullptr).installVersion(version, {}, {}), vlupd::OK);
         server->reset();
     }
@@ -89,6 +104,7 @@ private Q_SLOTS:
     void chains();
     void repairFetchesOneFrame();
     void deltaIsResumed();
+    void gigabytes();
 };
 
 void UpdateTest::treeChanges_data()
@@ -103,6 +119,11 @@ void UpdateTest::treeChanges_data()
     row("nothing", "", [](Files&) {});
     row("removed", "", [](Files& files) { files.erase("data/1"); });
     row("swapped", "", [](Files& files) { std::swap(files["data/1"], files["data/2"]); });
+    row("mode change", "", [](Files&) {});
+    row("empty file", "", [](Files& files) { files["another"].clear(); });
+    row("folder with nothing left in it", "", [](Files& files) { files.erase("карта/район.txt"); });
+    row("Cyrillic case-only rename", "",
+        [](Files& files) { files["Карта/РАЙОН.txt"] = files.extract("карта/район.txt").mapped(); });
     row("duplicated", "", [](Files& files) { files["copy"] = files["data/3"]; });
     row("moved", "", [](Files& files) { files["x/y/z"] = files.extract("data/3").mapped(); });
     row("case-only rename", "",
@@ -112,7 +133,7 @@ void UpdateTest::treeChanges_data()
     row("folder to file", "",
         [](Files& files) { files["карта"] = files.extract("карта/район.txt").mapped(); });
     row("emptied", "", [](Files& files) { files["data/3"].clear(); });
-    row("long path", "", [](Files& files) { files[longName] = files["data/4"]; });
+    row("path of 305 characters", "", [](Files& files) { files[longName] = files["data/4"]; });
     row("edited", "delta", [](Files& files) { files["data/3"] = edited(files["data/3"]); });
     row("moved and edited", "delta",
         [](Files& files) { files["x"] = edited(files.extract("data/3").mapped()); });
@@ -131,7 +152,11 @@ void UpdateTest::treeChanges()
     QFETCH(QString, fetched);
     Scene scene;
     scene.releases.publish("1.0.0", oldFiles());
-    scene.releases.publish("2.0.0", now);
+    std::vector<std::string> programs{"bin/simulator"};
+    const bool mode = qstrcmp(QTest::currentDataTag(), "mode change") == 0;
+    if (mode)
+        programs.push_back("data/3");
+    scene.releases.publish("2.0.0", now, {}, programs);
     scene.install("1.0.0");
     Recorder recorder;
     QCOMPARE(scene.update("2.0.0", &recorder), vlupd::OK);
@@ -140,6 +165,14 @@ void UpdateTest::treeChanges()
     QCOMPARE(scene.packBytes("2.0.0") > 0, fetched == u"pack");
     QCOMPARE(delta && scene.server->bytesSent(scene.deltaPath("2.0.0")) == 0, false);
     QCOMPARE(scene.root->leftovers(), QString());
+    const auto executable = [&scene] {
+        return (fs::status(scene.root->tree() / "data/3").permissions() & fs::perms::owner_exec) !=
+               fs::perms::none;
+    };
+    QVERIFY(!mode || executable());
+    // And back.
+    QCOMPARE(scene.update("1.0.0"), vlupd::OK);
+    QVERIFY(!executable());
 }
 
 void UpdateTest::plansHandOver_data()
@@ -186,6 +219,7 @@ void UpdateTest::damagedBase_data()
     QTest::newRow("base of the delta changed") << "data/3" << QByteArray(60'000, 'x');
     QTest::newRow("base of the delta gone") << "data/3" << QByteArray();
     QTest::newRow("kept file changed") << "data/1" << QByteArray(60'000, 'x');
+    QTest::newRow("kept file with a twin changed") << "data/7" << QByteArray(60'000, 'x');
     QTest::newRow("kept file of another size") << "data/1" << QByteArray(7, 'x');
 }
 
@@ -196,6 +230,7 @@ void UpdateTest::damagedBase()
     QFETCH(QByteArray, contents);
     Scene scene;
     Files files = oldFiles();
+    files["twin"] = files["data/7"] = someBytes(60'000, 7);
     scene.releases.publish("1.0.0", files);
     files["data/3"] = edited(files["data/3"]);
     scene.releases.publish("2.0.0", files);
@@ -235,6 +270,16 @@ void UpdateTest::chains()
     scene.install("1.0.0");
     QCOMPARE(scene.update("5.0.0"), vlupd::OK);
     QCOMPARE(scene.server->requests(scene.deltaPath("5.0.0")), 0);
+    // A disk that fills up is not filled further by the versions between.
+    scene.install("1.0.0");
+    vl::setFileFault([](vl::FileOperation what, const fs::path& path) {
+        const bool isNew = vl::toUtf8(path).find("/4.0.0.g2/") != std::string::npos;
+        return isNew && what == vl::FileOperation::Write ? std::optional(ENOSPC) : std::nullopt;
+    });
+    const int full = VLUPD(scene.root->path(), false, &scene.log).installVersion("4.0.0", {}, {});
+    vl::setFileFault({});
+    QCOMPARE(full, vlupd::SYSTEM_CALL_ERROR);
+    QVERIFY2(!scene.root->leftovers().contains(u".trash"), qPrintable(scene.root->leftovers()));
 }
 
 void UpdateTest::repairFetchesOneFrame()
@@ -273,6 +318,47 @@ void UpdateTest::deltaIsResumed()
     QCOMPARE(scene.update("2.0.0"), vlupd::OK);
     QVERIFY(scene.server->bytesSent(scene.deltaPath("2.0.0")) < delta.size / 2);
     QCOMPARE(scene.server->requests(std::string("/") + vl::deltaIndexPath(delta.indexHash)), 0);
+    QCOMPARE(scene.root->leftovers(), QString());
+}
+
+// Much memory would be needed if anything grew with the size of a file.
+void UpdateTest::gigabytes()
+{
+    if (qEnvironmentVariableIntValue("VARNEL_NIGHTLY") == 0)
+        QSKIP("By night only: VARNEL_NIGHTLY=1, QTEST_FUNCTION_TIMEOUT=3600000, 20 GB of disk");
+    constexpr std::uint64_t piece = 8 * mebibyte;
+    constexpr unsigned pieces = 384; // 3 GiB
+    Scene scene{.inMemory = false};
+    const QTemporaryDir folder;
+    const fs::path source = pathOf(folder);
+    writeFile(source / "bin/simulator", "program");
+    {
+        auto large = vl::File::open(source / "large", vl::File::Mode::ReadWrite).value();
+        const auto write = [&large](std::uint64_t offset, const std::string& bytes) {
+            QVERIFY(large.writeAt(offset, std::as_bytes(std::span(bytes))));
+        };
+        for (unsigned i = 0; i < pieces; ++i)
+            write(i * piece, someBytes(piece, i));
+        scene.releases.publishFolder("1.0.0", source);
+        for (unsigned i = 0; i <= pieces; i += 24)
+            write(i * piece + i, someBytes(1000, i + 1));
+    }
+    fs::rename(source / "large", source / "larger");
+    scene.releases.publishFolder("2.0.0", source);
+    scene.install("1.0.0");
+    const std::uint64_t size = scene.releases.pack("2.0.0").second;
+    for (const std::string version : {"2.0.0", "1.0.0"}) {
+        scene.server->reset();
+        peakMemory();
+        VLUPD library(scene.root->path(), false, &scene.log);
+        QVERIFY2(library.installVersion(version, {}, {}) == vlupd::OK, scene.log.text().c_str());
+        const std::uint64_t peak = peakMemory();
+        qInfo() << version.c_str() << peak / mebibyte << "MiB of memory,"
+                << scene.server->bytesSent() << "bytes fetched of" << size;
+        QVERIFY(peak < 160 * mebibyte);
+        QCOMPARE(library.checkFiles(version, std::nullopt), vlupd::OK);
+        QVERIFY(version == "1.0.0" || scene.server->bytesSent() < size / 1000);
+    }
     QCOMPARE(scene.root->leftovers(), QString());
 }
 
