@@ -1,5 +1,6 @@
 #include "tests/vl/install/installfixture.h"
 #include "vl/src/formats/manifest.h"
+#include "vl/src/platform/file.h"
 
 #include <QProcess>
 #include <QTest>
@@ -74,7 +75,7 @@ void PublisherTest::initTestCase()
                         {std::string(90, 'l') + "/" + std::string(200, 'n'), "long"}};
     for (const char* folder : {"rel", "big", "linked", "hostile"})
         for (const auto& [path, contents] : release)
-            writeFile(m_top / folder / path, contents);
+            writeFile(m_top / folder / vl::fromUtf8(path), contents);
     writeFile(m_top / "big/large.bin", someBytes(2 * vl::frameRawSize + 12345, 1));
     fs::create_directory(m_top / "big/nothing here");
 #ifndef Q_OS_WIN

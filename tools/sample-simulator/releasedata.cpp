@@ -80,8 +80,11 @@ void writeFile(const fs::path& path, const std::string& bytes)
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     file.close();
-    if (!file)
-        throw std::system_error(std::make_error_code(std::errc::io_error), path.string());
+    if (!file) {
+        const std::u8string name = path.u8string();
+        throw std::system_error(std::make_error_code(std::errc::io_error),
+                                std::string(name.begin(), name.end()));
+    }
 }
 
 using Fill = void (*)(std::string&, std::size_t, std::size_t, Random);

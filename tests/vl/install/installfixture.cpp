@@ -82,7 +82,7 @@ void Releases::publish(const std::string& version, const Files& files,
                        const std::vector<std::string>& programs)
 {
     const fs::path source = pathOf(m_directory) / "source";
-    fs::remove_all(source);
+    need(vl::removeTree(source));
     for (const auto& [path, contents] : files)
         writeFile(source / vl::fromUtf8(path), contents);
     for (const std::string& program : programs)
@@ -125,7 +125,7 @@ Root::Root(const Releases& releases, const std::string& repository, bool inMemor
     : m_directory(temporaryFolder(inMemory))
 {
     const nlohmann::json config{
-        {"repository", repository.empty() ? releases.folder().string() : repository},
+        {"repository", repository.empty() ? vl::toUtf8(releases.folder()) : repository},
         {"publicKeys", {releases.publicKey()}}};
     writeFile(path() / "vl.json", config.dump());
 }
@@ -133,13 +133,13 @@ Root::Root(const Releases& releases, const std::string& repository, bool inMemor
 fs::path Root::tree() const
 {
     const auto installed = vlupd::VLUPD(path(), true, nullptr).getInstalledVersions();
-    return installed.empty() ? std::string() : installed.begin()->second.installDirectory;
+    return vl::fromUtf8(installed.empty() ? "" : installed.begin()->second.installDirectory);
 }
 
 QString Root::leftovers() const
 {
     QStringList found;
-    const std::string folder = tree().filename().string();
+    const std::string folder = vl::toUtf8(tree().filename());
     for (const char* place : {".", "versions", "downloads", "manifests", "catalogue"}) {
         const std::string name = place;
         for (const auto& entry : need(vl::listDirectory(path() / name))) {
@@ -234,7 +234,8 @@ QString promiseFault(const Root& root, const Releases& releases,
         return label + QStringLiteral("is not an allowed state");
     if (version.empty())
         return {};
-    if (filesIn(installed.begin()->second.installDirectory) != releases.files(version))
+    if (filesIn(vl::fromUtf8(installed.begin()->second.installDirectory)) !=
+        releases.files(version))
         return label + QStringLiteral("is not whole");
     if (const int result = library.checkFiles(version, std::nullopt); result != vlupd::OK)
         return label + QStringLiteral("is whole, but checkFiles gives %1: ").arg(result) +

@@ -108,7 +108,7 @@ void InstallTest::userFilesMoveAlong()
 {
     Installed it(*m_releases);
     const fs::path old = it.root.tree();
-    writeFile(old / "полёты/мой.txt", "mine");
+    writeFile(old / u8"полёты/мой.txt", "mine");
     writeFile(old / "notes.txt", "my notes");
     writeFile(old / "bin/simulator", "damaged, but not the user's");
     fs::create_directories(old / "empty folder");
@@ -189,7 +189,7 @@ void InstallTest::damageIsFound_data()
     row("no such subfolder", vlupd::NOT_FOUND, "", change, "../1.0.0");
     row("cut", broken, "bin/simulator: 3 bytes instead of 13", write("bin/simulator", "the"));
     row("missing", broken, "данные/карта.txt: missing",
-        [](const fs::path& tree) { fs::remove_all(tree / "данные"); });
+        [](const fs::path& tree) { fs::remove_all(tree / u8"данные"); });
     row("folder deleted", broken, "missing", [](const fs::path& tree) { fs::remove_all(tree); });
 #ifndef Q_OS_WIN // there, a right of its own is needed to make one
     row("link to a right copy", broken, "shared.txt: not a regular file", [](const fs::path& tree) {

@@ -20,12 +20,11 @@ const std::string longFolder(200, 'f');
 const Files oldFiles{{"bin/simulator", "the simulator"},
                      {"readme.TXT", "to be renamed"},
                      {longFolder + "/" + longFolder + "/one", "beyond 260 characters"},
-                     {"Data/one", "the folder is written"},
-                     {"data/two", "in two ways"}};
+                     {"data/two", "in a folder"}};
 const Files newFiles{{"bin/simulator", "a newer simulator"},
                      {"Readme.txt", "to be renamed"},
                      {longFolder + "/" + longFolder + "/two", "beyond 260 characters"},
-                     {"data/two", "in one way"}};
+                     {"data/two", "in the same folder"}};
 
 /// Keeps a file or a folder as another program would: a scanner, or, for a folder, a simulator that
 /// runs in it.
@@ -80,9 +79,11 @@ void WindowsTest::initTestCase()
 void WindowsTest::longNamesAndOtherCase()
 {
     Installed it(*m_releases);
+    QCOMPARE(promiseFault(it.root, *m_releases, {"1.0.0"}), QString());
+    // It is the same folder still: nothing in it may be taken for a file of the user.
+    fs::rename(it.root.tree() / "data", it.root.tree() / "DATA");
     QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
     QCOMPARE(it.library.installVersion("2.0.0", {}, {}), vlupd::OK);
-    // Nothing of the old version was taken for a file of the user.
     QCOMPARE(promiseFault(it.root, *m_releases, {"2.0.0"}), QString());
     QCOMPARE(it.root.leftovers(), QString());
     QCOMPARE(it.library.removeVersion("2.0.0"), vlupd::OK);
@@ -137,9 +138,7 @@ void WindowsTest::heldFiles()
     if (result != vlupd::OK)
         QVERIFY2(it.log.contains("(Windows error "), it.log.text().c_str());
     holder.release();
-    const bool oneWay = now.contains("1.0.0"); // that version's files cannot be compared by name
-    QCOMPARE(oneWay ? QString() : promiseFault(it.root, *m_releases, now), QString());
-    QVERIFY(!oneWay || it.library.checkFiles("1.0.0", std::nullopt) == vlupd::OK);
+    QCOMPARE(promiseFault(it.root, *m_releases, now), QString());
     QCOMPARE(result == vlupd::OK ? int(vlupd::OK) : change(), int(vlupd::OK));
     QVERIFY(it.library.cleanDownloads(0min));
     QCOMPARE(it.root.leftovers(), QString());

@@ -223,6 +223,9 @@ void SourceTest::certificatesAreChecked()
     QFETCH(QByteArray, answer);
     if (!QSslSocket::supportsSsl())
         QSKIP("Qt has no TLS here");
+#ifdef Q_OS_WIN
+    QSKIP("the TLS of Wine cannot play the server, as Qt's of Windows cannot with such a key");
+#endif
     QFile file(QStringLiteral(TEST_CERTIFICATES "/") + certificate);
     QVERIFY(file.open(QIODevice::ReadOnly));
     const QByteArray pem = file.readAll();
