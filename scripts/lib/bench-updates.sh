@@ -111,7 +111,7 @@ free_port() {
 
 # zsync asks for several ranges at a time, which the tests' server does not know.
 zsync_bytes() {
-    local folder=$work/zsync port side
+    local folder=$work/zsync port side fetched
     mkdir -p "$folder/client"
     for side in old new; do
         tar --sort=name -C "$pair/$side" -cf "$folder/$side.tar" .
@@ -123,12 +123,13 @@ zsync_bytes() {
         "$folder/pid" "$folder/log" "$port" "$folder" >"$folder/nginx.conf"
     [ "$(id -u)" -ne 0 ] || sed -i '1i user root;' "$folder/nginx.conf"
     nginx -e "$folder/log" -c "$folder/nginx.conf"
-    (cd "$folder/client" && http_proxy='' zsync -q -i ../old.tar -o out.tar \
+    (cd "$folder/client" && http_proxy='' zsync -i ../old.tar -o out.tar \
         "http://127.0.0.1:$port/new.tar.zsync" >"$folder/said" 2>&1)
     kill "$(cat "$folder/pid")"
     cmp "$folder/new.tar" "$folder/client/out.tar" >&2
-    calculate "$(sed -n 's/.*fetched \([0-9]*\).*/\1/p' "$folder/said" | tail -n 1) + \
-        $(stat -c %s "$folder/new.tar.zsync")"
+    fetched=$(tr '\r' '\n' <"$folder/said" | sed -n 's/.*fetched \([0-9]\{1,\}\).*/\1/p')
+    [ -n "$fetched" ] || { cat "$folder/said" >&2; return 1; }
+    calculate "$fetched + $(stat -c %s "$folder/new.tar.zsync")"
     rm -rf "$folder"
 }
 
@@ -146,11 +147,17 @@ casync_bytes() {
     echo "$sent"
 }
 
-# rival_bytes TOOL COMMAND...: what COMMAND prints, kept for the next run.
+# rival_bytes TOOL: how many bytes it needs for the update of $pair; kept for the next run.
 rival_bytes() {
-    local kept=$pair/bytes-$1
-    shift
-    [ -s "$kept" ] || { "$@" >"$kept.part" && mv "$kept.part" "$kept"; }
+    local kept=$pair/bytes-$1 bytes
+    if [ ! -s "$kept" ]; then
+        case $1 in
+        zsync) bytes=$(zsync_bytes) ;;
+        casync) bytes=$(casync_bytes) ;;
+        *) bytes=$(patch_bytes "$1") ;;
+        esac
+        echo "$bytes" >"$kept"
+    fi
     cat "$kept"
 }
 
@@ -166,7 +173,7 @@ start_rsync() {
 
 # bench_pair NAME TITLE: bytes and times of the update.
 bench_pair() {
-    local name=$1 title=$2 before tool requests sent root pair address
+    local name=$1 title=$2 before tool bytes requests sent root pair address
     make_pair "$name"
     start_rsync
     serve "$name" "$pair/repository"
@@ -190,11 +197,10 @@ bench_pair() {
     kill "$rsync_daemon"
     rm -rf "$data/copy"
 
-    for tool in zstd xdelta3 bsdiff; do
-        note "$name.$tool" rival "$(mebibytes "$(rival_bytes $tool patch_bytes $tool)")"
+    for tool in zstd xdelta3 bsdiff zsync casync; do
+        bytes=$(rival_bytes "$tool")
+        note "$name.$tool" rival "$(mebibytes "$bytes")"
     done
-    note "$name.zsync" rival "$(mebibytes "$(rival_bytes zsync zsync_bytes)")"
-    note "$name.casync" rival "$(mebibytes "$(rival_bytes casync casync_bytes)")"
     for tool in zstd xdelta3 zsync casync rsync bsdiff; do
         cp "$work/$name.bytes.ours" "$work/$name.$tool.ours"
     done
@@ -228,7 +234,7 @@ bench_apply() {
     local root pair
     make_pair synthetic
     (cd "$pair/new" && find . -type f -print0 | sort -z | xargs -0 b2sum) >"$pair/b2sums"
-    rival_bytes zstd patch_bytes zstd >"$work/output"
+    rival_bytes zstd >"$work/output"
     for _ in {1..5}; do
         rm -rf "$data/unpacked"
         mkdir -p "$data/unpacked"
