@@ -20,6 +20,7 @@ void print(const QString& line)
 int main(int argc, char** argv)
 {
     CLI::App options("Receives bug reports on the loopback address and stores each in a folder.");
+    options.allow_windows_style_options(false); // a path may begin with a slash
     std::uint16_t port = CollectorServer::defaultPort;
     std::string folder = "reports";
     int idleSeconds = 60;

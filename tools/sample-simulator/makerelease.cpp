@@ -22,6 +22,7 @@ fs::path utf8Path(const std::string& text)
 int main(int argc, char* argv[])
 {
     CLI::App app("Makes the folder of one release of the sample simulator, ready for vl-publish.");
+    app.allow_windows_style_options(false); // a path may begin with a slash
     std::string folder;
     std::string version;
     std::string simulator;

@@ -171,6 +171,7 @@ int fail(const std::string& message)
 int run(std::vector<std::string> commandLine)
 {
     CLI::App app("Makes and checks release repositories of the update library.", "vl-publish");
+    app.allow_windows_style_options(false); // a path may begin with a slash
     app.require_subcommand(1);
     Arguments arguments;
     Expected<void> (*command)(const Arguments&) = nullptr;
