@@ -24,6 +24,7 @@ copy_imports() {
     while [ -n "$again" ]; do
         again=
         while read -r name; do
+            case ${name,,} in api-ms-win-*) continue ;; esac # Windows' own name for a part of itself
             [ -z "$(find "$folder" -maxdepth 1 -iname "$name")" ] || continue
             found=$(find "${folders[@]}" -maxdepth 1 -iname "$name" | head -n 1)
             if [ -n "$found" ]; then
