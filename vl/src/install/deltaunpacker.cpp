@@ -59,6 +59,7 @@ DeltaUnpacker::DeltaUnpacker(const DeltaIndex& index, const Manifest& target,
         if (std::ranges::any_of(index.parts[i].target,
                                 [&](const FilePart& part) { return m_making.contains(part.file); }))
             m_frames.push_back(i);
+    m_endOfFrames = m_frames.size();
 }
 
 void DeltaUnpacker::start()
@@ -111,23 +112,39 @@ std::vector<std::size_t> DeltaUnpacker::made() const
 Expected<void> DeltaUnpacker::work(const std::stop_token& stop)
 {
     Buffers buffers;
-    for (std::size_t i = m_nextFrame++; i < m_frames.size(); i = m_nextFrame++) {
-        const std::size_t index = m_frames[i];
-        if (!waitForFrame(index, stop)) {
+    bool fromEnd = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        fromEnd = std::exchange(m_hasFirst, true);
+    }
+    while (const auto index = takeFrame(fromEnd)) {
+        if (!waitForFrame(*index, stop)) {
             if (stop.stop_requested())
                 return {};
-            giveUp(index);
+            giveUp(*index);
             continue;
         }
         // A base that cannot be read or is not what it was, or a frame that does not fit it.
-        if (!readFrame(index, buffers)) {
-            giveUp(index);
+        if (!readFrame(*index, buffers)) {
+            giveUp(*index);
             continue;
         }
-        if (auto written = writeFrame(index, buffers); !written)
+        if (auto written = writeFrame(*index, buffers); !written)
             return written;
     }
     return {};
+}
+
+// One thread goes on from the first frame and the other back from the last, once that is there:
+// two that write the same large file wait for one another.
+std::optional<std::size_t> DeltaUnpacker::takeFrame(bool fromEnd)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_nextFrame == m_endOfFrames)
+        return std::nullopt;
+    if (fromEnd && m_ready[m_frames[m_endOfFrames - 1]])
+        return m_frames[--m_endOfFrames];
+    return m_frames[m_nextFrame++];
 }
 
 bool DeltaUnpacker::waitForFrame(std::size_t index, const std::stop_token& stop)

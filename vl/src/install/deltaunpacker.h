@@ -8,7 +8,6 @@
 #include "vl/src/operation/workers.h"
 #include "vl/src/platform/file.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -60,6 +59,7 @@ private:
     struct Buffers;
 
     Expected<void> work(const std::stop_token& stop);
+    std::optional<std::size_t> takeFrame(bool fromEnd);
     bool waitForFrame(std::size_t index, const std::stop_token& stop);
     Expected<void> readFrame(std::size_t index, Buffers& buffers);
     Expected<void> writeFrame(std::size_t index, const Buffers& buffers);
@@ -73,8 +73,10 @@ private:
     const std::filesystem::path& m_partFile;
     const std::filesystem::path& m_tree;
     std::vector<std::size_t> m_frames;
-    std::atomic<std::size_t> m_nextFrame{0};
-    std::mutex m_mutex; ///< of all that follows
+    std::mutex m_mutex;            ///< of all that follows
+    bool m_hasFirst = false;       ///< a thread goes on from the first frame
+    std::size_t m_nextFrame = 0;   ///< of `m_frames`, not taken so far
+    std::size_t m_endOfFrames = 0; ///< from here on they are taken
     std::condition_variable_any m_arrived;
     std::map<std::size_t, Making> m_making; ///< by the file's place in the manifest
     std::vector<bool> m_ready;              ///< frames that have arrived
