@@ -19,7 +19,7 @@ make_debian() {
         (cd "$1" && apt-get download -qq "$package=$version")
         dpkg-deb -x "$1"/*.deb "$1/$side"
         rm "$1"/*.deb
-        find "$1/$side" -type l -delete # releases hold regular files only
+        find "$1/$side" \( -type l -o -type d -empty \) -delete # releases hold regular files only
         side=new
     done
 }
@@ -183,8 +183,12 @@ bench_pair() {
         sync
         timed "$name" rival rsync -a --delete --stats "rsync://127.0.0.1:$rsync_port/new/" \
             "$data/copy/"
+        cp "$work/output" "$work/rsync"
+        timed "$name.sync" rival sync -f "$data/copy" # what ours does before it says so
+        note "$name.durable" rival \
+            "$(calculate "$(tail -qn 1 "$work/$name"{,.sync}.wall.rival | paste -sd+)")"
         note "$name.rsync" rival "$(mebibytes \
-            "$(sed -n 's/,//g; s/^Total bytes received: //p' "$work/output")")"
+            "$(sed -n 's/,//g; s/^Total bytes received: //p' "$work/rsync")")"
         new_root_with_old "$address"
         counted "$name"
         before=$sent
@@ -210,6 +214,8 @@ bench_pair() {
     done
     row "$name.bsdiff" - M "$title, bytes / bsdiff"
     row "$name.wall" 1 s "$title, wall / rsync -a"
+    cp "$work/$name.wall.ours" "$work/$name.durable.ours"
+    row "$name.durable" - s "$title, wall / rsync -a, sync -f"
 }
 
 # What one would do with the patches of zstd: apply them beside the old files, check, write through.
