@@ -224,7 +224,7 @@ void SourceTest::certificatesAreChecked()
     if (!QSslSocket::supportsSsl())
         QSKIP("Qt has no TLS here");
 #ifdef Q_OS_WIN
-    QSKIP("the TLS of Wine cannot play the server, as Qt's of Windows cannot with such a key");
+    QSKIP("under Wine, Qt's TLS cannot play the server");
 #endif
     QFile file(QStringLiteral(TEST_CERTIFICATES "/") + certificate);
     QVERIFY(file.open(QIODevice::ReadOnly));
