@@ -61,8 +61,8 @@ private:
     std::unique_ptr<Root> oldRoot() const
     {
         auto root = std::make_unique<Root>(*m_releases, "", true);
-        fs::copy(m_original->root.path(), root->path(),
-                 fs::copy_options::recursive | fs::copy_options::overwrite_existing);
+        fs::remove(root->path() / "vl.json"); // MinGW takes all files for the same to overwrite
+        fs::copy(m_original->root.path(), root->path(), fs::copy_options::recursive);
         return root;
     }
 

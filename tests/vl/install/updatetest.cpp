@@ -169,7 +169,9 @@ void UpdateTest::treeChanges()
         return (fs::status(scene.root->tree() / "data/3").permissions() & fs::perms::owner_exec) !=
                fs::perms::none;
     };
+#ifndef Q_OS_WIN // which tells programs by their names
     QVERIFY(!mode || executable());
+#endif
     // And back.
     QCOMPARE(scene.update("1.0.0"), vlupd::OK);
     QVERIFY(!executable());
