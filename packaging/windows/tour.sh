@@ -4,4 +4,5 @@
 folder=$demo/"Папка с пробелом"
 
 simulator_processes() { pgrep -f "^[A-Z]:${folder//\//.}.*sample-simulator" || true; }
+focus_menu() { click "$menu" 200 14; } # its window manager is Windows
 file_name() { printf 'Z:%s' "${1//\//\\}"; }

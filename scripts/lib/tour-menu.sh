@@ -31,6 +31,7 @@ open_page() {
 }
 about_equal() { [ $(($1 - $2)) -le $((2 * scale)) ] && [ $(($2 - $1)) -le $((2 * scale)) ]; }
 
+focus_menu() { xdotool windowfocus --sync "$menu"; }
 menu_shown() { windows_named '^Dialog$' | grep -qx "$menu"; }
 menu_hidden() { ! menu_shown; }
 menu_height() { (geometry "$menu" && echo "$HEIGHT"); }
@@ -113,7 +114,8 @@ step_special_on() {
 
 step_special_off() {
     say "Switching special versions off by the keyboard: the list shrinks"
-    xdotool windowfocus --sync "$menu" key ctrl+s
+    focus_menu
+    xdotool key ctrl+s
     expect_versions false 3
     [ "$(version_list_height)" -eq "$short_list" ] || fail "the list has not shrunk"
     close_version_list
