@@ -39,7 +39,7 @@ void TestSettingsStore::defaults()
     QFile file(path());
     QVERIFY(file.open(QIODevice::ReadOnly | QIODevice::Text));
     // Windows keeps the groups in the order of their making.
-    auto groups = (file.readAll() + '\n').split('[');
+    auto groups = file.readAll().append('\n').split('[');
     std::ranges::sort(groups);
     QCOMPARE(groups, (QList<QByteArray>{"", "FILESYSTEM]\ninstallationSize=0\n\n",
                                         "STATE]\nbShouldRequestDescriptions=true\n\n",
