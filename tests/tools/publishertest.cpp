@@ -31,6 +31,7 @@ class PublisherTest final : public QObject
 private Q_SLOTS:
     void initTestCase();
     void init();
+    void cleanupTestCase() { QVERIFY(vl::removeTree(m_top / "hostile")); } // Qt cannot on Windows
     void publishedFolderIsListedVerifiedAndUnpackedByTar();
     void equalInputGivesEqualOutput();
     void badCommandsAreRefused_data();
