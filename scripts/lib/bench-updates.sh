@@ -123,7 +123,7 @@ zsync_bytes() {
         "$folder/pid" "$folder/log" "$port" "$folder" >"$folder/nginx.conf"
     [ "$(id -u)" -ne 0 ] || sed -i '1i user root;' "$folder/nginx.conf"
     nginx -e "$folder/log" -c "$folder/nginx.conf"
-    (cd "$folder/client" && http_proxy='' zsync -i ../old.tar -o out.tar \
+    (cd "$folder/client" && env -u http_proxy zsync -i ../old.tar -o out.tar \
         "http://127.0.0.1:$port/new.tar.zsync" >"$folder/said" 2>&1)
     kill "$(cat "$folder/pid")"
     cmp "$folder/new.tar" "$folder/client/out.tar" >&2
