@@ -61,8 +61,10 @@ private:
     std::unique_ptr<Root> oldRoot() const
     {
         auto root = std::make_unique<Root>(*m_releases, "", true);
-        fs::remove(root->path() / "vl.json"); // MinGW takes all files for the same to overwrite
-        fs::copy(m_original->root.path(), root->path(), fs::copy_options::recursive);
+        // MinGW takes whatever exists already for the thing that is copied.
+        for (const auto& entry : fs::directory_iterator(m_original->root.path()))
+            if (const fs::path name = entry.path().filename(); name != "vl.json")
+                fs::copy(entry.path(), root->path() / name, fs::copy_options::recursive);
         return root;
     }
 
