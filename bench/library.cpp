@@ -54,7 +54,7 @@ int main(int argc, char** argv)
     vlupd::VLUPD library(argv[2], false, &log);
     bool downloading = false;
     const auto progress = [&](std::uint64_t, std::uint64_t done, std::uint64_t total) {
-        if (downloading && done * 100 >= total * cut) {
+        if (downloading && total > 0 && done * 100 >= total * cut) {
             std::cout << done << std::endl;
             std::_Exit(0);
         }
