@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::size_t readSize = 1U << 20U;
 constexpr std::uint64_t flushStep = 8U << 20U;
+// Below this, asking for each file takes longer than writing all of them at once.
+constexpr std::uint64_t smallFile = 64U << 10U;
 
 using FileList = std::vector<const ManifestFile*>;
 using Piece = std::vector<std::byte>; ///< a thread's own room for bytes, `readSize` of them
@@ -113,8 +115,11 @@ Expected<void> flushTree(const Manifest& manifest, const std::filesystem::path& 
                          Operation& operation)
 {
     FileList files;
+    const std::uint64_t leftToVolume = syncVolumeWritesContents() ? smallFile : 1;
     for (const ManifestFile& file : manifest.files)
-        if (file.size > 0)
+        if (file.size < leftToVolume)
+            operation.addDone(file.size);
+        else
             files.push_back(&file);
     sortForWork(files);
     return forEachFile(

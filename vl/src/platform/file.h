@@ -106,6 +106,8 @@ Expected<void> renameReplacing(const std::filesystem::path& from, const std::fil
 Expected<void> syncDirectory(const std::filesystem::path& path);
 /// Makes everything written so far to the volume of `path` durable, names included.
 Expected<void> syncVolume(const std::filesystem::path& path);
+/// Whether syncVolume() writes the contents of files too, not only their names.
+bool syncVolumeWritesContents();
 /// Removes one file, read-only ones too; not an error when it does not exist.
 Expected<void> removeFile(const std::filesystem::path& path, Patience patience = Patience::Usual);
 /// Removes a tree without following links, read-only entries too; not an error when there is none.

@@ -253,4 +253,13 @@ Expected<void> syncVolume(const fs::path& path)
 #endif
 }
 
+bool syncVolumeWritesContents()
+{
+#if defined(__linux__)
+    return true;
+#else
+    return false; // sync() may return before it is done
+#endif
+}
+
 } // namespace vl

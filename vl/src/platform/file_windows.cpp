@@ -262,4 +262,9 @@ Expected<void> syncVolume(const fs::path& path)
     return syncDirectory(path);
 }
 
+bool syncVolumeWritesContents()
+{
+    return false;
+}
+
 } // namespace vl
