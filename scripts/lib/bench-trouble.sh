@@ -22,7 +22,7 @@ bench_resume() {
 
 # bench_repair: one byte of one small file is wrong.
 bench_repair() {
-    local file before requests sent root=$data/root
+    local file before requests sent root
     make_release
     start_server
     new_root "$address" "$data/repository.pub"
@@ -52,27 +52,23 @@ make_tiny() {
 
 # bench_tiny: 20,000 files, and the same with 50 ms before each answer.
 bench_tiny() {
-    local tiny root address slow
+    local tiny folder root address slow
     make_tiny
     serve slow "$tiny/repository" 50
     slow=$address
     serve tiny "$tiny/repository"
     for _ in {1..5}; do
-        rm -rf "$data/unpacked"
-        mkdir -p "$data/unpacked"
+        new_folder
         sync
         timed tiny rival download_unpack_check "$address/packs/$(ls "$tiny/repository/packs")" \
             "$tiny/b2sums"
         new_root "$address" "$tiny/repository.pub"
-        sync
         timed tiny ours "$bin/bench_library" install "$root" 1.0.0
         note delayed rival "$(tail -n 1 "$work/tiny.wall.ours")"
         new_root "$slow" "$tiny/repository.pub"
-        sync
         timed slow ours "$bin/bench_library" install "$root" 1.0.0
         note delayed ours "$(tail -n 1 "$work/slow.wall.ours")"
     done
-    rm -rf "$data/unpacked"
     row tiny.wall 1.05 s "install 20,000 files, wall / curl, tar, b2sum, sync"
     row delayed - s "the same, 50 ms per request / none"
 }

@@ -42,14 +42,6 @@ make_pair() {
     touch "$pair/published"
 }
 
-# new_root REPOSITORY_ADDRESS KEY: $root, a launcher's folder of its own for one measurement.
-new_root() {
-    root=$data/root
-    rm -rf "$root"
-    mkdir -p "$root"
-    write_config "$root" "$1" "$2"
-}
-
 # The old version installed from $pair, copied from one that was installed before.
 new_root_with_old() {
     if [ ! -d "$pair/base" ]; then
@@ -57,9 +49,8 @@ new_root_with_old() {
         "$bin/bench_library" install "$root" 1.0.0 >"$work/output"
         mv "$root" "$pair/base"
     fi
-    rm -rf "$data/root"
-    cp -a "$pair/base" "$data/root"
-    root=$data/root
+    root=$(mktemp -u "$rounds/XXXXXX")
+    cp -a "$pair/base" "$root"
     write_config "$root" "$1" "$pair/repository.pub"
     sync
 }
@@ -173,18 +164,18 @@ start_rsync() {
 
 # bench_pair NAME TITLE: bytes and times of the update.
 bench_pair() {
-    local name=$1 title=$2 before tool bytes requests sent root pair address
+    local name=$1 title=$2 before tool bytes requests sent folder root pair address
     make_pair "$name"
     start_rsync
     serve "$name" "$pair/repository"
-    for _ in {1..5}; do
-        rm -rf "$data/copy"
-        cp -a "$pair/old" "$data/copy"
+    for _ in {1..3}; do
+        new_folder
+        cp -a "$pair/old/." "$folder"
         sync
         timed "$name" rival rsync -a --delete --stats "rsync://127.0.0.1:$rsync_port/new/" \
-            "$data/copy/"
+            "$folder/"
         cp "$work/output" "$work/rsync"
-        timed "$name.sync" rival sync -f "$data/copy" # what ours does before it says so
+        timed "$name.sync" rival sync -f "$folder" # what ours does before it says so
         note "$name.durable" rival \
             "$(calculate "$(tail -qn 1 "$work/$name"{,.sync}.wall.rival | paste -sd+)")"
         note "$name.rsync" rival "$(mebibytes \
@@ -199,7 +190,6 @@ bench_pair() {
     done
     diff -r "$pair/new" "$root"/versions/*/ >&2 || { echo "The update went wrong." >&2; return 1; }
     kill "$rsync_daemon"
-    rm -rf "$data/copy"
 
     for tool in zstd xdelta3 bsdiff zsync casync; do
         bytes=$(rival_bytes "$tool")
@@ -220,7 +210,7 @@ bench_pair() {
 
 # What one would do with the patches of zstd: apply them beside the old files, check, write through.
 apply_patches() {
-    local old=$pair/old new=$data/unpacked name
+    local old=$pair/old new=$folder name
     (cd "$pair/new" && find . -type f -printf '%P\n') | while read -r name; do
         mkdir -p "$(dirname "$new/$name")"
         if [ -f "$pair/patches-zstd/$name.patch" ]; then
@@ -237,20 +227,18 @@ apply_patches() {
 
 # bench_apply: from a repository on the same disk.
 bench_apply() {
-    local root pair
+    local folder root pair
     make_pair synthetic
     (cd "$pair/new" && find . -type f -print0 | sort -z | xargs -0 b2sum) >"$pair/b2sums"
     rival_bytes zstd >"$work/output"
-    for _ in {1..5}; do
-        rm -rf "$data/unpacked"
-        mkdir -p "$data/unpacked"
+    for _ in {1..3}; do
+        new_folder
         sync
         timed apply rival apply_patches
         new_root_with_old "$pair/repository"
         timed apply ours "$bin/bench_library" install "$root" 1.1.0
         note_peak
     done
-    rm -rf "$data/unpacked"
     row apply.wall - s "update 1 GiB from disk / zstd -d, cp, b2sum, sync"
 }
 
