@@ -61,6 +61,7 @@ start_simulator() {
     press_run
     wait_until 30 "the simulator's window" window_named "^Учебный симулятор $1\$"
     window=$(window_named "^Учебный симулятор $1\$")
+    settle
     shot "simulator-$1"
     xdotool windowfocus --sync "$window" key Escape
     wait_until 10 "the simulator to end" sh -c "! xdotool search --name '^Учебный симулятор'"
