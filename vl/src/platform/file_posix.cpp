@@ -260,7 +260,7 @@ Expected<void> syncVolume(const fs::path& path)
 bool syncVolumeWritesContents()
 {
 #if defined(__linux__)
-    return true;
+    return true; // and since Linux 5.8 syncfs(2) fails where one of them could not be written
 #else
     return false; // sync() may return before it is done
 #endif
