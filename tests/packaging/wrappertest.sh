@@ -36,6 +36,13 @@ echo damaged >"$copy/varnel-launcher"
 runs "$copy" "a damaged copy is repaired"
 [ "$(cat "$copy/vl.json")" = mine ] || fail "an edited vl.json stays"
 
+echo newer >library
+mkdir zone
+echo newer >zone/file
+: >"$copy/zone" # no folder can be made here
+runs "$copy" "after a failed update the version before starts"
+[ ! -e "$copy/library" ] || fail "a failed update mixes no versions"
+
 rm -r "$XDG_DATA_HOME"
 : >"$XDG_DATA_HOME" # no folder can be made here
 runs "$VARNEL_PACKAGE_FOLDER" "without a copy the package's own program starts"
