@@ -6,6 +6,7 @@ ManifestDPIAware true
 ManifestLongPathAware true
 ManifestSupportedOS Win10
 RequestExecutionLevel user
+AllowSkipFiles off ; half a launcher is none
 SetCompressor /SOLID lzma
 
 !include "MUI2.nsh"
@@ -20,7 +21,8 @@ Name "Varnel Simulator"
 OutFile "${OUTPUT}"
 BrandingText " "
 ; The launcher installs versions beside itself: its folder has to be the user's own.
-InstallDir "$LOCALAPPDATA\Programs\Varnel Simulator"
+!define USUAL_FOLDER "$LOCALAPPDATA\Programs\Varnel Simulator"
+InstallDir "${USUAL_FOLDER}"
 InstallDirRegKey HKCU "${UNINSTALL_KEY}" "InstallLocation"
 
 VIProductVersion "${VERSION}.0"
@@ -38,6 +40,7 @@ VIAddVersionKey "ProductVersion" "${VERSION}"
 !define MUI_ABORTWARNING
 !define MUI_FINISHPAGE_RUN "$INSTDIR\${PROGRAM}"
 !insertmacro MUI_PAGE_WELCOME
+!define MUI_PAGE_CUSTOMFUNCTION_LEAVE RefuseForeignFolder
 !insertmacro MUI_PAGE_DIRECTORY
 !insertmacro MUI_PAGE_INSTFILES
 !insertmacro MUI_PAGE_FINISH
@@ -51,6 +54,12 @@ LangString TooOld ${LANG_ENGLISH} "Varnel Simulator needs Windows 10 or newer."
 LangString TooOld ${LANG_RUSSIAN} "Для Varnel Simulator нужна Windows 10 или новее."
 LangString Running ${LANG_ENGLISH} "Varnel Simulator is running. Close it and try again."
 LangString Running ${LANG_RUSSIAN} "Varnel Simulator запущен. Закройте его и повторите попытку."
+LangString SimulatorRunning ${LANG_ENGLISH} "Files of the installed version are in use. Close the \
+simulator and everything that shows its folder, and try again."
+LangString SimulatorRunning ${LANG_RUSSIAN} "Файлы установленной версии используются. Закройте \
+симулятор и всё, что показывает его папку, и повторите попытку."
+LangString NotEmpty ${LANG_ENGLISH} "The folder $INSTDIR is not empty. Choose a new or an empty one."
+LangString NotEmpty ${LANG_RUSSIAN} "Папка $INSTDIR не пуста. Выберите новую или пустую папку."
 LangString OldStays ${LANG_ENGLISH} "The previous version of the launcher could not be removed."
 LangString OldStays ${LANG_RUSSIAN} "Не удалось удалить предыдущую версию программы запуска."
 LangString RemoveData ${LANG_ENGLISH} "Also remove the installed version of the simulator, with the \
@@ -87,8 +96,30 @@ Function .onInit
   ${EndIf}
 FunctionEnd
 
+; The uninstaller removes folders by their names: none of another program may be there.
+Function RefuseForeignFolder
+  ${If} ${FileExists} "$INSTDIR\vl.json"
+  ${OrIf} ${FileExists} "$INSTDIR\${PROGRAM}"
+  ${OrIf} "$INSTDIR" == "${USUAL_FOLDER}"
+    Return
+  ${EndIf}
+  FindFirst $0 $1 "$INSTDIR\*"
+  ${DoWhile} $1 == "."
+  ${OrWhile} $1 == ".."
+    FindNext $0 $1
+  ${Loop}
+  FindClose $0
+  ${If} $1 != ""
+    MessageBox MB_OK|MB_ICONEXCLAMATION "$(NotEmpty)" /SD IDOK
+    SetErrorLevel 2
+    Abort
+  ${EndIf}
+FunctionEnd
+
 Section
+  Call RefuseForeignFolder ; a silent installation has no pages
   !insertmacro RefuseWhileRunning
+  ReadRegStr $5 HKCU "${UNINSTALL_KEY}" "ConfigTime"
   ; An older version takes away what it brought; vl.json, settings and versions stay.
   ${If} ${FileExists} "$INSTDIR\uninstall.exe"
     ExecWait '"$INSTDIR\uninstall.exe" /S _?=$INSTDIR' $0
@@ -99,14 +130,9 @@ Section
     ${EndIf}
   ${EndIf}
 
-  !insertmacro InstallFiles
+  ; Known before anything is written: what stops halfway can still be removed.
   SetOutPath "$INSTDIR"
-  SetOverwrite off ; whoever edited it meant it
-  File "${PORTABLE}/vl.json"
-  SetOverwrite on
-
   WriteUninstaller "$INSTDIR\uninstall.exe"
-  CreateShortCut "$SMPROGRAMS\Varnel Simulator.lnk" "$INSTDIR\${PROGRAM}"
   WriteRegStr HKCU "${UNINSTALL_KEY}" "DisplayName" "Varnel Simulator"
   WriteRegStr HKCU "${UNINSTALL_KEY}" "DisplayVersion" "${VERSION}"
   WriteRegStr HKCU "${UNINSTALL_KEY}" "DisplayIcon" "$INSTDIR\${PROGRAM}"
@@ -117,6 +143,19 @@ Section
   WriteRegDWORD HKCU "${UNINSTALL_KEY}" "EstimatedSize" ${SIZE}
   WriteRegDWORD HKCU "${UNINSTALL_KEY}" "NoModify" 1
   WriteRegDWORD HKCU "${UNINSTALL_KEY}" "NoRepair" 1
+
+  !insertmacro InstallFiles
+  ; vl.json follows the program until somebody has edited it.
+  SetOutPath "$INSTDIR"
+  GetFileTime "$INSTDIR\vl.json" $0 $1
+  ${IfNot} ${FileExists} "$INSTDIR\vl.json"
+  ${OrIf} "$0 $1" == $5
+    File "${PORTABLE}/vl.json"
+    GetFileTime "$INSTDIR\vl.json" $0 $1
+    StrCpy $5 "$0 $1"
+  ${EndIf}
+  WriteRegStr HKCU "${UNINSTALL_KEY}" "ConfigTime" "$5"
+  CreateShortCut "$SMPROGRAMS\Varnel Simulator.lnk" "$INSTDIR\${PROGRAM}"
 SectionEnd
 
 ; Removes the folder named on the stack and all in it. A link to another place goes, what lies there
@@ -152,20 +191,40 @@ FunctionEnd
 
 Section "Uninstall"
   !insertmacro RefuseWhileRunning
+  ; What the launcher made is the user's. Where nobody can be asked it stays.
+  StrCpy $6 keep
+  MessageBox MB_YESNO|MB_ICONQUESTION|MB_DEFBUTTON2 "$(RemoveData)" /SD IDNO IDNO chosen
+  StrCpy $6 remove
+  !macro RemoveFolder name
+    ${If} ${FileExists} "$INSTDIR\${name}\*"
+      Push "$INSTDIR\${name}"
+      Call un.RemoveTree
+    ${EndIf}
+  !macroend
+  !insertmacro RemoveFolder "versions.removed"
+  ; All or nothing: a folder in which a program runs cannot be renamed.
+  ${DoWhile} ${FileExists} "$INSTDIR\versions\*"
+    ClearErrors
+    Rename "$INSTDIR\versions" "$INSTDIR\versions.removed"
+    ${If} ${Errors}
+    ${AndIf} ${Cmd} `MessageBox MB_RETRYCANCEL|MB_ICONEXCLAMATION "$(SimulatorRunning)" IDCANCEL`
+      SetErrorLevel 2
+      Abort
+    ${EndIf}
+  ${Loop}
+chosen:
+
   !insertmacro RemoveFiles
   Delete "$INSTDIR\uninstall.exe"
-  Delete "$SMPROGRAMS\Varnel Simulator.lnk"
-  DeleteRegKey HKCU "${UNINSTALL_KEY}"
+  ; Another copy may have been installed since.
+  ReadRegStr $0 HKCU "${UNINSTALL_KEY}" "InstallLocation"
+  ${If} $0 == $INSTDIR
+    Delete "$SMPROGRAMS\Varnel Simulator.lnk"
+    DeleteRegKey HKCU "${UNINSTALL_KEY}"
+  ${EndIf}
 
-  ; What the launcher made is the user's. Where nobody can be asked it stays.
-  MessageBox MB_YESNO|MB_ICONQUESTION|MB_DEFBUTTON2 "$(RemoveData)" /SD IDNO IDNO keep
-    !macro RemoveFolder name
-      ${If} ${FileExists} "$INSTDIR\${name}\*"
-        Push "$INSTDIR\${name}"
-        Call un.RemoveTree
-      ${EndIf}
-    !macroend
-    !insertmacro RemoveFolder "versions"
+  ${If} $6 == remove
+    !insertmacro RemoveFolder "versions.removed"
     !insertmacro RemoveFolder "downloads"
     !insertmacro RemoveFolder "catalogue"
     !insertmacro RemoveFolder "manifests"
@@ -176,11 +235,11 @@ Section "Uninstall"
     Delete "$INSTDIR\journal.json"
     Delete "$INSTDIR\vl.lock"
     Delete "$INSTDIR\vl.json"
-    ${If} ${FileExists} "$INSTDIR\versions\*"
+    ${If} ${FileExists} "$INSTDIR\versions.removed\*"
     ${OrIf} ${FileExists} "$INSTDIR\vl.json"
       MessageBox MB_OK|MB_ICONEXCLAMATION "$(DataStays)" /SD IDOK
     ${EndIf}
-  keep:
+  ${EndIf}
   SetOutPath "$TEMP" ; not in the folder that is to go
   RMDir "$INSTDIR"
 SectionEnd
