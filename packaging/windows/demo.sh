@@ -17,8 +17,9 @@ complete_release() {
 
 # The zip, as a user unpacks it; with the launcher whose report button is enabled.
 install_program() {
-    unzip -q -o "$windows_build"/varnel-launcher-*-windows.zip -d "$demo/unpacked" -x '*/vl.json'
-    cp -r "$demo"/unpacked/*/. "$1"
-    cp "$build/bin/varnel-launcher.exe" "$1"
-    rm -r "$demo/unpacked"
+    rm -rf "$demo/unpacked"
+    unzip -q -o "$windows_build/$windows_name.zip" -d "$demo/unpacked" -x '*/vl.json' &&
+        cp -r "$demo/unpacked/$windows_name/." "$1" &&
+        cp "$build/bin/varnel-launcher.exe" "$1" &&
+        rm -r "$demo/unpacked"
 }

@@ -2,9 +2,12 @@
 # Shared by the scripts that build for Windows and test there. Sourced after scripts/lib/common.sh.
 
 export VARNEL_WINDOWS_SDK=${VARNEL_WINDOWS_SDK:-${XDG_CACHE_HOME:-$HOME/.cache}/varnel-windows-sdk}
+VARNEL_WINDOWS_SDK=$(realpath -m "$VARNEL_WINDOWS_SDK")
 sdk=$VARNEL_WINDOWS_SDK
 toolchain=$project/cmake/windows-toolchain.cmake
 windows_target=x86_64-w64-mingw32
+windows_version=$(sed -n 's/^project(.* VERSION \([0-9.]*\).*/\1/p' "$project/CMakeLists.txt")
+windows_name=varnel-launcher-$windows_version-windows # of what is given to users
 windows_build=${VARNEL_WINDOWS_BUILD:-$project/build/windows}
 
 # Where the libraries lie that programs load: the SDK's and the compiler's own.
@@ -99,6 +102,10 @@ wine_start() {
         unset DISPLAY
         "$wine64" wineboot --init
         "$wine64" reg add 'HKCU\Software\Wine' /v Version /d win10 /f # Debian's Wine says 7
+        # Wine makes links to the user's own folders.
+        for link in "$WINEPREFIX"/drive_c/users/*/*; do
+            [ ! -L "$link" ] || { rm "$link" && mkdir "$link"; }
+        done
     ) >/dev/null 2>&1 || fail "Wine could not make its Windows in ${VARNEL_WINE:-$project/build/wine}"
     trap wine_end EXIT
 }
