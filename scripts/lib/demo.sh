@@ -79,7 +79,7 @@ install_launcher() {
   "maxBytesPerSecond": $2
 }
 JSON
-    install_program "$folder" >"$demo/install.log" ||
+    install_program "$folder" >"$demo/install.log" 2>&1 ||
         fail "installing; see ${demo#"$project/"}/install.log"
 }
 

@@ -126,7 +126,7 @@ step_close_while_installing() {
 
 step_resume() {
     say "Starting again: 1.2.0 is still installed; the installation of 1.1.0 goes on"
-    local fewest now
+    local fewest now deadline=$((SECONDS + 300))
     fewest=$(downloaded_bytes)
     launcher_start "$folder"
     shot restarted
@@ -134,6 +134,7 @@ step_resume() {
     press_run
     halted_shot resumed
     until installation_ended >/dev/null; do
+        [ $SECONDS -lt $deadline ] || fail "the installation does not end"
         now=$(downloaded_bytes)
         [ "${now:-$fewest}" -ge "$fewest" ] || fewest=$now
     done

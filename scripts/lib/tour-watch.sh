@@ -25,10 +25,11 @@ stage_of() {
 # Watches an installation frame by frame: the launcher is halted for every picture, like a slow
 # machine, so that short stages are seen too. Keeps one frame of each stage.
 watch_installation() {
-    local frames=$desktop_work/frames count=0 ended=
+    local frames=$desktop_work/frames count=0 ended= deadline=$((SECONDS + 300))
     rm -rf "$frames"
     mkdir "$frames"
     until [ -n "$ended" ]; do
+        [ $SECONDS -lt $deadline ] || fail "the installation of $1 does not end"
         kill -STOP "$launcher"
         import -silent -window "$main_window" -depth 8 -quality 11 \
             "$frames/$(printf %04d $count).png"
