@@ -290,10 +290,11 @@ void HttpClient::Handles::prepare(const HttpRequest& request, const SourceOption
     // No limit for the whole transfer: a slow line may take its hours.
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(options.stallTimeout.count()));
-    // Windows keeps its certificate authorities in its own store, and asks their lists of revoked
-    // ones, which may be out of reach; elsewhere this says nothing.
+    // For Windows, which keeps its certificate authorities in its own store. Asked about revoked
+    // certificates, it would wait for their servers within the handshake, where no time-out of ours
+    // holds, and what arrives is believed only by the repository's own signature anyway.
     curl_easy_setopt(easy, CURLOPT_SSL_OPTIONS,
-                     static_cast<long>(CURLSSLOPT_NATIVE_CA | CURLSSLOPT_REVOKE_BEST_EFFORT));
+                     static_cast<long>(CURLSSLOPT_NATIVE_CA | CURLSSLOPT_NO_REVOKE));
 #if LIBCURL_VERSION_NUM >= 0x075700
     // A name look-up that hangs must not hold up the end of an operation.
     curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
