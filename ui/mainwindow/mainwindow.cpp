@@ -1,6 +1,7 @@
 #include "ui/mainwindow/mainwindow.h"
 
 #include "ui/menu/menudialog.h"
+#include "ui/widgets/nativeframe.h"
 #include "ui/widgets/replywindow.h"
 #include "ui/widgets/warningwindow.h"
 #include "ui/widgets/windowdrag.h"
@@ -91,6 +92,7 @@ void MainWindow::connectButtons()
 
 void MainWindow::setUpFrame()
 {
+    installNativeFrame(*this);
     new WindowDrag(this, ui->titleBar);
     new WindowResize(this);
     ui->titleContent->setGraphicsEffect(new QGraphicsOpacityEffect);

@@ -7,6 +7,16 @@
 #include <QWidget>
 #include <QWindow>
 
+namespace {
+
+// Then the window system's own move can go on from there.
+bool restoresAtOnce()
+{
+    return QGuiApplication::platformName() == QLatin1String("windows");
+}
+
+} // namespace
+
 WindowDrag::WindowDrag(QWidget* window, QWidget* titleBar) : QObject(window), m_window(window)
 {
     titleBar->installEventFilter(this);
@@ -73,7 +83,9 @@ void WindowDrag::begin()
         m_size = m_window->normalGeometry().size();
         m_grip.setX(m_grip.x() * m_size.width() / m_window->width());
         m_window->showNormal();
-        return;
+        if (!restoresAtOnce())
+            return;
+        m_window->setGeometry({m_pressPosition - m_grip, m_size});
     }
     if (systemMoveIsReliable() && m_window->windowHandle()->startSystemMove())
         m_state = State::Idle;
