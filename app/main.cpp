@@ -7,6 +7,10 @@
 
 #include <cstdlib>
 
+#ifdef Q_OS_WIN
+#include <windows.h>
+#endif
+
 int main(int argc, char* argv[])
 {
     installLogging();
@@ -23,6 +27,10 @@ int main(int argc, char* argv[])
         // The installation cannot be cancelled and nothing may wait for it: the process ends under
         // it, and the library takes up the rest at the next start.
         flushLog();
+#ifdef Q_OS_WIN
+        // An exit would let every library tidy up, under locks of threads that are gone by then.
+        TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
+#endif
         std::_Exit(result);
     }
     return result;
