@@ -104,8 +104,11 @@ Function RefuseForeignFolder
     Return
   ${EndIf}
   FindFirst $0 $1 "$INSTDIR\*"
-  ${DoWhile} $1 == "."
-  ${OrWhile} $1 == ".."
+  ${Do}
+    ${If} $1 != "."
+    ${AndIf} $1 != ".."
+      ${Break}
+    ${EndIf}
     FindNext $0 $1
   ${Loop}
   FindClose $0
@@ -168,7 +171,7 @@ Function un.RemoveTree
   ${DoUntil} $2 == ""
     ${If} $2 != "."
     ${AndIf} $2 != ".."
-      System::Call 'kernel32::GetFileAttributesW(w "\\?\$0\$2") i .r3'
+      System::Call 'kernel32::GetFileAttributesW(w "$0\$2") i .r3'
       IntOp $4 $3 & 0x10 ; FILE_ATTRIBUTE_DIRECTORY
       IntOp $3 $3 & 0x400 ; FILE_ATTRIBUTE_REPARSE_POINT
       ${If} $4 = 0
@@ -197,7 +200,7 @@ Section "Uninstall"
   StrCpy $6 remove
   !macro RemoveFolder name
     ${If} ${FileExists} "$INSTDIR\${name}\*"
-      Push "$INSTDIR\${name}"
+      Push "\\?\$INSTDIR\${name}" ; paths may be longer than what Windows takes otherwise
       Call un.RemoveTree
     ${EndIf}
   !macroend
