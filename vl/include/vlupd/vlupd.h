@@ -16,7 +16,7 @@
 #if defined(VLUPD_BUILD)
 #define VLUPD_EXPORT __declspec(dllexport)
 #else
-#define VLUPD_EXPORT __declspec(dllimport)
+#define VLUPD_EXPORT // functions need no mark to be imported, and link statically without it
 #endif
 #else
 #define VLUPD_EXPORT __attribute__((visibility("default")))
