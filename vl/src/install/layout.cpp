@@ -77,4 +77,10 @@ bool RootLayout::isTrashName(std::string_view name)
     return name.starts_with(trashPrefix);
 }
 
+bool RootLayout::isDownloadName(std::string_view name)
+{
+    const std::size_t end = name.find('.');
+    return end != std::string_view::npos && hashFromHex(name.substr(0, end));
+}
+
 } // namespace vl

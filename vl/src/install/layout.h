@@ -51,6 +51,9 @@ public:
     /// from the beginning.
     std::filesystem::path staging(const TreeId& id, std::size_t step) const;
     static bool isTrashName(std::string_view name);
+    /// Whether a file of that name in downloads() or manifests() may be ours. To Windows, the first
+    /// is the same folder as the user's own "Downloads".
+    static bool isDownloadName(std::string_view name);
 
 private:
     std::filesystem::path m_root;
