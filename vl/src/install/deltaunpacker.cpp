@@ -226,6 +226,8 @@ Expected<std::shared_ptr<File>> DeltaUnpacker::fileToMake(std::size_t file)
         auto created = createFile(m_target.files[file], m_tree);
         if (!created)
             return tl::unexpected(std::move(created).error());
+        if (m_target.files[file].size > maxDeltaRawSize)
+            created->allowHoles(); // its end may be written first
         making->second.file = std::make_shared<File>(std::move(*created));
     }
     return making->second.file;

@@ -34,8 +34,12 @@ fs::path temporaryBeside(const fs::path& path)
 }
 
 // Takes what kind of thing lies at `path` from its listing: a link is removed, not followed.
-Expected<void> removeEntry(const fs::path& path, FileKind kind, Patience patience)
+Expected<void> removeEntry(const fs::path& path, FileKind kind, Patience patience,
+                           std::chrono::steady_clock::time_point until)
 {
+    if (std::chrono::steady_clock::now() >= until)
+        return failure(vlupd::SYSTEM_CALL_ERROR,
+                       "not all could be removed in time, as " + toUtf8(path));
     if (kind == FileKind::Directory) {
         auto entries = listDirectory(path);
         if (!entries) {
@@ -47,7 +51,8 @@ Expected<void> removeEntry(const fs::path& path, FileKind kind, Patience patienc
         if (!entries)
             return tl::unexpected(std::move(entries).error());
         for (const TreeEntry& entry : *entries)
-            if (auto removed = removeEntry(path / fromUtf8(entry.path), entry.info.kind, patience);
+            if (auto removed =
+                    removeEntry(path / fromUtf8(entry.path), entry.info.kind, patience, until);
                 !removed)
                 return removed;
     }
@@ -144,12 +149,13 @@ bool isTemporaryName(std::string_view name)
     return name.starts_with('.') && name.ends_with(temporarySuffix);
 }
 
-Expected<void> removeTree(const fs::path& path, Patience patience)
+Expected<void> removeTree(const fs::path& path, Patience patience,
+                          std::chrono::steady_clock::time_point until)
 {
     const auto info = fileInfo(path);
     if (!info)
         return tl::unexpected(info.error());
-    return *info ? removeEntry(path, (*info)->kind, patience) : Expected<void>();
+    return *info ? removeEntry(path, (*info)->kind, patience, until) : Expected<void>();
 }
 
 } // namespace vl

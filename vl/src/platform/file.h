@@ -2,6 +2,7 @@
 
 #include "vl/src/error.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
@@ -46,6 +47,9 @@ public:
     /// Makes this new, empty file share the bytes of `source` until one of them changes. False
     /// where the file system cannot, and nothing has changed then.
     bool cloneFrom(const File& source);
+    /// Lets parts that have not been written take no room and no time. A hint that never fails;
+    /// only Windows needs it.
+    void allowHoles();
     /// Asks the system to begin writing a range to the disk; a hint that never fails or waits long.
     void startWriteback(std::uint64_t offset, std::uint64_t size);
     /// Writes a range to the disk and waits for it. Durable only after syncVolume().
@@ -111,7 +115,12 @@ bool syncVolumeWritesContents();
 /// Removes one file, read-only ones too; not an error when it does not exist.
 Expected<void> removeFile(const std::filesystem::path& path, Patience patience = Patience::Usual);
 /// Removes a tree without following links, read-only entries too; not an error when there is none.
-Expected<void> removeTree(const std::filesystem::path& path, Patience patience = Patience::Usual);
+/// An error when something is left at the time `until`.
+Expected<void> removeTree(
+    const std::filesystem::path& path, Patience patience = Patience::Usual,
+    std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max());
+/// Whether the system knows the file as a program that is running (not one that is interpreted).
+bool isRunning(const std::filesystem::path& program);
 /// Bytes that this user may still write on the volume of `path`.
 Expected<std::uint64_t> freeSpace(const std::filesystem::path& path);
 

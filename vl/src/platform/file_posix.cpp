@@ -167,6 +167,8 @@ bool File::cloneFrom(const File& source)
 #endif
 }
 
+void File::allowHoles() {}
+
 void File::startWriteback(std::uint64_t offset, std::uint64_t size)
 {
 #if defined(__linux__)

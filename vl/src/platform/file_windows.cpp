@@ -3,6 +3,8 @@
 #include "vl/src/platform/windowssystem.h"
 
 #include <windows.h>
+#include <winioctl.h>
+#include <winternl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -53,6 +55,18 @@ DWORD dispositionFor(File::Mode mode)
 bool isShut(SystemError error)
 {
     return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
+}
+
+// Writes what the system keeps of a file, but does not make the disk empty its own memory: many
+// files need that only once. False where the system cannot.
+bool writeOut(HANDLE file)
+{
+    using Flush = NTSTATUS(NTAPI*)(HANDLE, ULONG, void*, ULONG, IO_STATUS_BLOCK*);
+    static const auto flush = reinterpret_cast<Flush>(reinterpret_cast<void*>(
+        GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "NtFlushBuffersFileEx")));
+    constexpr ULONG noSync = 2; // FLUSH_FLAGS_NO_SYNC of the driver kit's headers
+    IO_STATUS_BLOCK status{};
+    return flush != nullptr && flush(file, noSync, nullptr, 0, &status) >= 0;
 }
 
 SystemError openHandle(const std::wstring& name, File::Mode mode, DWORD flags,
@@ -190,6 +204,13 @@ bool File::cloneFrom(const File& /*source*/)
     return false;
 }
 
+void File::allowHoles()
+{
+    DWORD unused = 0;
+    DeviceIoControl(systemHandle(m_handle), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &unused,
+                    nullptr);
+}
+
 // There is no such hint; the system begins by itself after a second.
 void File::startWriteback(std::uint64_t /*offset*/, std::uint64_t /*size*/) {}
 
@@ -199,10 +220,15 @@ Expected<void> File::flushRange(std::uint64_t /*offset*/, std::uint64_t /*size*/
 {
     if (const auto fault = fileFault(FileOperation::Sync, m_path))
         return fileFailure("flush", m_path, *fault);
-    HANDLE writable = ReOpenFile(systemHandle(m_handle), GENERIC_WRITE, shareAll, 0);
-    if (writable == INVALID_HANDLE_VALUE)
-        return systemFailure("flush", m_path, GetLastError());
-    const SystemError error = FlushFileBuffers(writable) != 0 ? ERROR_SUCCESS : GetLastError();
+    HANDLE writable = INVALID_HANDLE_VALUE;
+    SystemError error = retriedWhile(isShut, Patience::Usual, [&]() -> SystemError {
+        writable = ReOpenFile(systemHandle(m_handle), GENERIC_WRITE, shareAll, 0);
+        return writable != INVALID_HANDLE_VALUE ? ERROR_SUCCESS : GetLastError();
+    });
+    if (error != ERROR_SUCCESS)
+        return systemFailure("flush", m_path, error);
+    if (!writeOut(writable) && FlushFileBuffers(writable) == 0)
+        error = GetLastError();
     CloseHandle(writable);
     if (error != ERROR_SUCCESS)
         return systemFailure("flush", m_path, error);
@@ -227,6 +253,7 @@ Expected<void> renameReplacing(const fs::path& from, const fs::path& to, Patienc
     const std::wstring source = systemPath(from);
     const std::wstring target = systemPath(to);
     const SystemError error = retriedWhile(isHeld, patience, [&]() -> SystemError {
+        allowWriting(target);
         return MoveFileExW(source.c_str(), target.c_str(),
                            MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != 0
                    ? ERROR_SUCCESS

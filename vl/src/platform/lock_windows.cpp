@@ -62,6 +62,7 @@ Expected<RootLock> RootLock::tryTake(const std::filesystem::path& root)
     if (const auto fault = fileFault(FileOperation::Open, path))
         return fileFailure("open", path, *fault);
     RootLock taken;
+    allowWriting(systemPath(path)); // a tick at the folder's properties reaches every file in it
     HANDLE opened = openLockFile(path, GENERIC_READ | GENERIC_WRITE, OPEN_ALWAYS);
     if (opened == INVALID_HANDLE_VALUE)
         return systemFailure("open", path, GetLastError());

@@ -1,6 +1,9 @@
 #include "vl/src/platform/file.h"
 #include "vl/src/platform/fileerror.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <system_error>
 
@@ -99,6 +102,15 @@ Expected<void> makeDirectories(const fs::path& path)
     if (error)
         return folderFailure(path, error.value());
     return {};
+}
+
+bool isRunning(const fs::path& program)
+{
+    const int file = ::open(program.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    const bool running = file < 0 && errno == ETXTBSY;
+    if (file >= 0)
+        ::close(file);
+    return running;
 }
 
 Expected<void> removeFile(const fs::path& path, Patience /*patience*/)

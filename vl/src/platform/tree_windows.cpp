@@ -91,8 +91,7 @@ SystemError removeOne(const std::wstring& path, Patience patience)
             const SystemError error = GetLastError();
             return isMissing(error) ? ERROR_SUCCESS : error;
         }
-        if ((attributes & FILE_ATTRIBUTE_READONLY) != 0)
-            SetFileAttributesW(path.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
+        allowWriting(path);
         const BOOL removed = (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0
                                  ? RemoveDirectoryW(path.c_str())
                                  : DeleteFileW(path.c_str());
@@ -159,6 +158,19 @@ Expected<void> makeDirectories(const fs::path& path)
         return {};
     const bool full = error == ERROR_DISK_FULL || error == ERROR_HANDLE_DISK_FULL;
     return systemFailure("make folder", path, error, folderFailureCode(full));
+}
+
+bool isRunning(const fs::path& program)
+{
+    const std::wstring name = systemPath(program);
+    allowWriting(name);
+    HANDLE opened = CreateFileW(name.c_str(), GENERIC_WRITE,
+                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+    if (opened == INVALID_HANDLE_VALUE)
+        return GetLastError() == ERROR_SHARING_VIOLATION;
+    CloseHandle(opened);
+    return false;
 }
 
 Expected<void> removeFile(const fs::path& path, Patience patience)

@@ -143,6 +143,13 @@ bool isMissing(SystemError error)
     return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
 }
 
+void allowWriting(const std::wstring& systemPath)
+{
+    const DWORD attributes = GetFileAttributesW(systemPath.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY) != 0)
+        SetFileAttributesW(systemPath.c_str(), attributes & ~DWORD{FILE_ATTRIBUTE_READONLY});
+}
+
 bool isLink(unsigned long attributes, unsigned long tag)
 {
     // What is not told is not followed either.

@@ -25,6 +25,9 @@ tl::unexpected<Error> systemFailure(const char* what, const std::filesystem::pat
 /// Whether `error` says that there is nothing by that name.
 bool isMissing(SystemError error);
 
+/// Takes the attribute "read-only" away from the file or folder by that name, if it has it.
+void allowWriting(const std::wstring& systemPath);
+
 /// Whether a reparse point leads elsewhere (a symbolic link, a junction) and is not to be followed.
 /// The others stand for compressed files, files of a cloud folder and the like.
 bool isLink(unsigned long attributes, unsigned long tag);

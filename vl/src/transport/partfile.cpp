@@ -38,6 +38,7 @@ Expected<PartFile> PartFile::open(const std::filesystem::path& path,
     if (!have)
         return tl::unexpected(std::move(have).error());
     part.m_file = std::move(*file);
+    part.m_file.allowHoles(); // frames lie at their places in the pack, however few are wanted
     part.m_have = std::move(*have);
     part.m_arrived = marksOf(part.m_have, frames.size());
     return part;
