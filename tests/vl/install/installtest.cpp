@@ -1,6 +1,8 @@
 #include "tests/vl/install/installfixture.h"
 #include "vl/src/platform/file.h"
 
+#include <QFile>
+#include <QProcess>
 #include <QTest>
 
 #include <algorithm>
@@ -47,6 +49,7 @@ private Q_SLOTS:
     void cleanup() { vl::setFileFault({}); }
     void installs();
     void userFilesMoveAlong();
+    void runningVersionKeepsItsUserFiles();
     void callbacksThatEndIt_data();
     void callbacksThatEndIt();
     void damageIsFound_data();
@@ -129,6 +132,32 @@ void InstallTest::userFilesMoveAlong()
     QCOMPARE(kept.at("replaced"), oldFiles.at("replaced"));
     QCOMPARE(kept.at("notes.txt.user"), std::string("my notes"));
     QCOMPARE(it.root.leftovers(), QString());
+}
+
+void InstallTest::runningVersionKeepsItsUserFiles()
+{
+#ifdef Q_OS_WIN
+    QSKIP("there, the test of files that are held covers it");
+#else
+    QFile sleep(QStringLiteral("/bin/sleep"));
+    QVERIFY(sleep.open(QIODevice::ReadOnly));
+    Releases releases;
+    releases.publish("1.0.0", {{"bin/simulator", sleep.readAll().toStdString()}});
+    releases.publish("2.0.0", newFiles);
+    Installed it(releases);
+    const fs::path old = it.root.tree();
+    writeFile(old / "mine.txt", "written anew at its end");
+    QProcess simulator;
+    simulator.start(QString::fromStdString(old / "bin/simulator"), {QStringLiteral("60")});
+    QVERIFY(simulator.waitForStarted());
+    QCOMPARE(it.library.installVersion("2.0.0", {}, {}), vlupd::OK);
+    QVERIFY(fs::exists(old / "mine.txt"));
+    simulator.kill();
+    QVERIFY(simulator.waitForFinished());
+    QVERIFY(it.library.cleanDownloads(0min));
+    QVERIFY(fs::exists(it.root.tree() / "mine.txt"));
+    QCOMPARE(it.root.leftovers(), QString());
+#endif
 }
 
 void InstallTest::callbacksThatEndIt_data()
@@ -302,7 +331,12 @@ void InstallTest::downloadsAreCleaned()
              vlupd::UNKNOWN_ERROR);
     const std::set<std::string> needed = it.root.partFiles();
     QVERIFY(!needed.empty());
-    writeFile(it.root.path() / "downloads/other.part", "of no use");
+    const std::string other = std::string(64, 'a') + ".zst.part";
+    writeFile(it.root.path() / "downloads" / other, "of no use");
+    // To Windows the folder is the same as "Downloads".
+    const fs::path foreign = it.root.path() / "downloads/photo.part";
+    writeFile(foreign, "the user's");
+    fs::last_write_time(foreign, fs::file_time_type::clock::now() - 24h);
     // Whether files of some age are still there after a cleaning with this limit.
     const auto stay = [&](const std::set<std::string>& names, std::chrono::hours age,
                           std::chrono::minutes limit) {
@@ -312,11 +346,12 @@ void InstallTest::downloadsAreCleaned()
         return it.library.cleanDownloads(limit) &&
                std::ranges::includes(it.root.partFiles(), names);
     };
-    QVERIFY(stay({"other.part"}, 0h, 30min));
-    QVERIFY(stay({"other.part"}, 1h, std::chrono::minutes::max()));
-    QVERIFY(!stay({"other.part"}, 1h, 30min));
+    QVERIFY(stay({other}, 0h, 30min));
+    QVERIFY(stay({other}, 1h, std::chrono::minutes::max()));
+    QVERIFY(!stay({other}, 1h, 30min));
     QVERIFY(stay(needed, 13 * 24h, 30min));
     QVERIFY(!stay(needed, 15 * 24h, 30min));
+    QVERIFY(fs::remove(foreign));
     QCOMPARE(it.root.leftovers(), QString());
 }
 

@@ -14,6 +14,8 @@ namespace {
 constexpr std::chrono::hours journalLife{14 * 24};
 // Long enough for whoever is writing one right now, with or without the lock.
 constexpr std::chrono::hours temporaryLife{1};
+// What a start may spend on the folders of old versions.
+constexpr std::chrono::seconds briefTime{1};
 
 bool logged(const Expected<void>& result, Operation& operation)
 {
@@ -31,7 +33,7 @@ bool isOlder(const FileInfo& info, std::chrono::minutes age)
 
 // Its user's files first, then the folder; false while anything of it has to stay.
 bool retire(const RootLayout& layout, const InstalledTree& tree, const State& state,
-            Operation& operation)
+            Patience patience, Operation& operation)
 {
     const auto present = fileInfo(layout.tree(tree.id));
     if (present && !*present)
@@ -43,10 +45,15 @@ bool retire(const RootLayout& layout, const InstalledTree& tree, const State& st
             return logged(tl::unexpected(current.error()), operation);
         if (!old && old.error().code == vlupd::SYSTEM_CALL_ERROR)
             return logged(tl::unexpected(old.error()), operation);
+        // A program that runs still reads its user's files, and writes them when it ends.
+        for (const auto& [key, program] : (old ? *old : *current).executables)
+            if (const auto path = layout.tree(tree.id) / fromUtf8(program); isRunning(path))
+                return logged(failure(vlupd::SYSTEM_CALL_ERROR, toUtf8(path) + " is running"),
+                              operation);
         // Without its own manifest nothing tells the user's files from the old version's: all
         // that the new version does not bring itself are kept rather than lost.
         const auto carried = carryUserFiles(layout.tree(tree.id), old ? *old : *current,
-                                            layout.tree(state.installed->id), operation);
+                                            layout.tree(state.installed->id), patience, operation);
         if (!logged(carried, operation))
             return false;
     }
@@ -54,7 +61,7 @@ bool retire(const RootLayout& layout, const InstalledTree& tree, const State& st
 }
 
 void clearVersions(const RootLayout& layout, const std::set<std::string>& kept,
-                   Operation& operation)
+                   std::chrono::steady_clock::time_point until, Operation& operation)
 {
     auto entries = listDirectory(layout.versions());
     if (!entries) {
@@ -69,7 +76,8 @@ void clearVersions(const RootLayout& layout, const std::set<std::string>& kept,
             folder.resize(folder.size() - 5);
         const bool ours = RootLayout::isTrashName(folder) || TreeId::fromFolderName(folder);
         if (ours && !kept.contains(folder))
-            logged(removeTree(layout.versions() / fromUtf8(entry.path), Patience::None), operation);
+            logged(removeTree(layout.versions() / fromUtf8(entry.path), Patience::None, until),
+                   operation);
     }
 }
 
@@ -80,7 +88,7 @@ void clearManifests(const RootLayout& layout, const std::set<std::filesystem::pa
     for (const TreeEntry& entry : entries.value_or(std::vector<TreeEntry>())) {
         const auto path = layout.manifests() / fromUtf8(entry.path);
         if (entry.path.ends_with(".json") && entry.info.kind == FileKind::File &&
-            !kept.contains(path) && !isTemporaryName(entry.path))
+            RootLayout::isDownloadName(entry.path) && !kept.contains(path))
             logged(removeFile(path), operation);
     }
 }
@@ -124,8 +132,12 @@ Expected<State> takeOverState(const RootLayout& layout, Operation& operation)
     return std::move(reading->state);
 }
 
-void tidyUp(const RootLayout& layout, const State& state, Operation& operation)
+void tidyUp(const RootLayout& layout, const State& state, Operation& operation, Tidying tidying)
 {
+    const bool brief = tidying == Tidying::Brief;
+    using Clock = std::chrono::steady_clock;
+    const auto until = brief ? Clock::now() + briefTime : Clock::time_point::max();
+    const Patience patience = brief ? Patience::None : Patience::Usual;
     std::set<std::string> keptFolders;
     std::set<std::filesystem::path> keptManifests;
     const auto keep = [&](const InstalledTree& tree) {
@@ -138,7 +150,7 @@ void tidyUp(const RootLayout& layout, const State& state, Operation& operation)
         // Before the old version goes, the record of the new one must be certain to stay.
         const bool durable = logged(syncDirectory(layout.root()), operation);
         for (const InstalledTree& tree : state.superseded)
-            if (!durable || !retire(layout, tree, state, operation))
+            if (!durable || !retire(layout, tree, state, patience, operation))
                 keep(tree);
     }
     if (const auto journal = readJournal(layout)) {
@@ -147,7 +159,7 @@ void tidyUp(const RootLayout& layout, const State& state, Operation& operation)
         else
             keptManifests.insert(savedManifestPath(layout.root(), journal->tree.manifest));
     }
-    clearVersions(layout, keptFolders, operation);
+    clearVersions(layout, keptFolders, until, operation);
     clearManifests(layout, keptManifests, operation);
     clearTemporaries(layout, operation);
 }
@@ -164,7 +176,8 @@ bool removeDownloads(const RootLayout& layout, std::chrono::minutes age, Operati
         const auto path = layout.downloads() / fromUtf8(entry.path);
         const bool needed = journal && journal->needs(entry.path);
         const auto life = needed ? std::max<std::chrono::minutes>(age, journalLife) : age;
-        if (entry.info.kind == FileKind::File && isOlder(entry.info, life))
+        if (entry.info.kind == FileKind::File && RootLayout::isDownloadName(entry.path) &&
+            isOlder(entry.info, life))
             all = logged(removeFile(path), operation) && all;
         else
             someNeeded = someNeeded || needed;
@@ -180,7 +193,8 @@ void removeOtherDownloads(const RootLayout& layout, const Journal& kept, Operati
     const auto entries = listDirectory(layout.downloads());
     for (const TreeEntry& entry : entries.value_or(std::vector<TreeEntry>())) {
         const auto path = layout.downloads() / fromUtf8(entry.path);
-        if (entry.info.kind == FileKind::File && !kept.needs(entry.path))
+        if (entry.info.kind == FileKind::File && RootLayout::isDownloadName(entry.path) &&
+            !kept.needs(entry.path))
             logged(removeFile(path), operation);
     }
 }

@@ -15,10 +15,16 @@ namespace vl {
 /// The state on the disk, written anew when it had to be repaired. The caller holds the lock.
 Expected<State> takeOverState(const RootLayout& layout, Operation& operation);
 
+enum class Tidying {
+    Complete,
+    Brief, ///< for a program's start: about a second, the next one takes up the rest
+};
+
 /// Moves the user's files out of superseded folders, removes these, interrupted installations,
 /// the downloads of the one that ended well, trash, manifests that nothing names and temporary
 /// files. The caller holds the lock.
-void tidyUp(const RootLayout& layout, const State& state, Operation& operation);
+void tidyUp(const RootLayout& layout, const State& state, Operation& operation,
+            Tidying tidying = Tidying::Complete);
 
 /// Removes download files older than `age` except those that the journal names, which may be 14
 /// days old; the journal goes with the last of them. False when a file could not be removed. The

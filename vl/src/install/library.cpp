@@ -114,7 +114,7 @@ bool Library::cleanDownloads(std::chrono::minutes age)
         auto state = takeOverState(m_layout, running);
         if (!state)
             return tl::unexpected(std::move(state).error());
-        tidyUp(m_layout, *state, running);
+        tidyUp(m_layout, *state, running, Tidying::Brief);
         return removeDownloads(m_layout, age, running) ? vlupd::OK : vlupd::SYSTEM_CALL_ERROR;
     };
     return runAlone(name, Access::Change, operation, clean) == vlupd::OK;

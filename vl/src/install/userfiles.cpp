@@ -1,7 +1,5 @@
 #include "vl/src/install/userfiles.h"
 
-#include "vl/src/platform/file.h"
-
 #include <set>
 #include <string>
 #include <string_view>
@@ -34,7 +32,8 @@ Expected<std::filesystem::path> freePlace(const std::filesystem::path& root,
 } // namespace
 
 Expected<void> carryUserFiles(const std::filesystem::path& from, const Manifest& manifest,
-                              const std::filesystem::path& to, Operation& operation)
+                              const std::filesystem::path& to, Patience patience,
+                              Operation& operation)
 {
     const auto entries = listTree(from);
     if (!entries)
@@ -52,7 +51,7 @@ Expected<void> carryUserFiles(const std::filesystem::path& from, const Manifest&
             return tl::unexpected(place.error());
         if (auto made = makeDirectories(place->parent_path()); !made)
             return made;
-        if (auto moved = renameReplacing(from / path, *place); !moved)
+        if (auto moved = renameReplacing(from / path, *place, patience); !moved)
             return moved;
         operation.say("kept the user's file " + toUtf8(*place));
     }
