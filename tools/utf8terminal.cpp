@@ -1,5 +1,6 @@
 #include "tools/utf8terminal.h"
 
+#include <cstdlib>
 #include <iterator>
 #include <utility>
 
@@ -12,7 +13,10 @@
 
 std::vector<std::string> utf8Arguments(int /*argc*/, char** /*argv*/)
 {
-    SetConsoleOutputCP(CP_UTF8);
+    // The code page is the terminal's, which others use afterwards.
+    static const UINT before = GetConsoleOutputCP();
+    if (before != 0 && SetConsoleOutputCP(CP_UTF8) != 0)
+        std::atexit([] { SetConsoleOutputCP(before); });
     // What main() is given has been squeezed into the code page of the system.
     std::vector<std::string> arguments;
     int count = 0;
