@@ -1,5 +1,6 @@
 #include "tests/vl/transport/transportfixture.h"
 #include "vl/src/platform/file.h"
+#include "vl/src/platform/systemproxy.h"
 
 #include <QFile>
 #include <QSslKey>
@@ -55,6 +56,8 @@ private Q_SLOTS:
     void rangesSurviveServers();
     void cancellingEndsATransfer();
     void proxyAndLimitAreObeyed();
+    void settingsNameTheProxy_data();
+    void settingsNameTheProxy();
     void certificatesAreChecked_data();
     void certificatesAreChecked();
 
@@ -200,6 +203,46 @@ void SourceTest::proxyAndLimitAreObeyed()
         QVERIFY(fetchRange(*vl::openSource(config, {}).value(), part, *operation));
         QVERIFY(std::chrono::steady_clock::now() - start > 400ms); // half a second's bytes
     }
+}
+
+void SourceTest::settingsNameTheProxy_data()
+{
+    QTest::addColumn<std::string>("servers");
+    QTest::addColumn<std::string>("bypass");
+    QTest::addColumn<std::string>("host");
+    QTest::addColumn<std::string>("proxy");
+    const auto row = [](const char* servers, const char* bypass, const char* host,
+                        const char* proxy) {
+        QTest::addRow("'%s' '%s' %s", servers, bypass, host)
+            << std::string(servers) << std::string(bypass) << std::string(host)
+            << std::string(proxy);
+    };
+    for (const char* servers : {"", " ; ", "=;=:", ":8080", "https=", "http=p:1 ftp=p:2",
+                                "socks=p:1080", "socks5://p:1080"})
+        row(servers, "", "a.org", "");
+    for (const char* servers : {"p:1", "p:1;q:2", "http=q:2;HTTPS=p:1", "q:2 https=P:1;https=r:3",
+                                "http://p:1/", "socks=q:2\r\nhttps=https://p:1"})
+        row(servers, "", "a.org", "p:1");
+    row("p", "", "a.org", "p:80");
+    row("[fe80::1]", "", "a.org", "[fe80::1]:80");
+    row("прокси:1", "*.пример.рф;*Ж", "пример.рф", "прокси:1");
+    for (const char* host : {"localhost", "LOCALHOST", "a.localhost", "127.0.0.1", "[::1]"})
+        row("p:1", "", host, "");
+    for (const char* host : {"a.example.com", "A.B.Example.COM", "192.168.1.1", "plain", "one.org",
+                             "two.org", "[fe80::7]", "x.a.y.b.z"})
+        row("p:1", "*.EXAMPLE.com; 192.168.* <local>;one.org:80\thttps://two.org;[fe80:*;x*y*z",
+            host, "");
+    for (const char* host : {"example.com", "a.example.com.net", "8.192.168.1", "[::2]", "one.or",
+                             "127.evil.org", "x.yzw", "z.yx", "y.z"})
+        row("p:1", "*.example.com;192.168.*;<local>;one.org;;=;<>;x*y*z;*y.z*z", host, "p:1");
+}
+
+void SourceTest::settingsNameTheProxy()
+{
+    QFETCH(std::string, servers);
+    QFETCH(std::string, bypass);
+    QFETCH(std::string, host);
+    QTEST(vl::proxyFor({servers, bypass}, "https", host), "proxy");
 }
 
 void SourceTest::certificatesAreChecked_data()

@@ -19,7 +19,7 @@ struct Config
     std::vector<PublicKey> publicKeys; ///< one or two
     std::optional<std::string> repositoryId;
     std::uint64_t maxBytesPerSecond = 0; ///< 0: no limit
-    std::string proxy;                   ///< empty: the environment's
+    std::string proxy;                   ///< empty: the environment's or the system's
 };
 
 /// UPDATER_DATA_ERROR with what is wrong; unknown members are ignored.

@@ -66,6 +66,12 @@ std::string withoutCredentials(const std::string& address)
     return part(*url, CURLUPART_URL);
 }
 
+std::string hostOf(const std::string& address)
+{
+    const Expected<Url> url = parse(address);
+    return url ? part(*url, CURLUPART_HOST) : std::string();
+}
+
 Expected<void> checkHttpAddress(const std::string& address)
 {
     const Expected<Url> url = parse(address);

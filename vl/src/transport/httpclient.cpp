@@ -9,6 +9,7 @@
 #include <array>
 #include <cctype>
 #include <charconv>
+#include <cstdlib>
 #include <exception>
 #include <mutex>
 #include <utility>
@@ -148,6 +149,17 @@ std::string redirectFault(const std::string& from, const std::string& to, int re
     return "a redirect from " + old + " to " + next + " is refused";
 }
 
+/// Whether libcurl finds a proxy for `scheme` in the environment.
+bool environmentHasProxy(const std::string& scheme)
+{
+    const std::string names[] = {scheme + "_proxy", "all_proxy", "ALL_PROXY",
+                                 scheme == "https" ? "HTTPS_PROXY" : "all_proxy"};
+    return std::ranges::any_of(names, [](const std::string& name) {
+        const char* const value = std::getenv(name.c_str());
+        return value != nullptr && *value != '\0';
+    });
+}
+
 extern "C" std::size_t takeBodyOf(char* bytes, std::size_t, std::size_t size, void* context)
 {
     auto& transfer = *static_cast<Transfer*>(context);
@@ -212,6 +224,8 @@ HttpClient::HttpClient(const SourceOptions& options, const std::string& proxy)
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
     m_handles->multi = curl_multi_init();
     m_handles->easy = curl_easy_init();
+    if (proxy.empty())
+        m_systemProxies = systemProxies();
 }
 
 HttpClient::~HttpClient() = default;
@@ -238,7 +252,7 @@ tl::expected<void, HttpFailure> HttpClient::get(const HttpRequest& request,
     HttpRequest hop = request;
     for (int redirects = 0;; ++redirects) {
         Transfer transfer{.easy = m_handles->easy, .handler = &handler};
-        m_handles->prepare(hop, m_options, m_proxy, transfer, headers);
+        m_handles->prepare(hop, m_options, proxyOf(hop.address), transfer, headers);
         const CURLcode code = m_handles->run(transfer);
         if (transfer.refusal)
             return failed({std::move(*transfer.refusal)});
@@ -268,6 +282,14 @@ tl::expected<void, HttpFailure> HttpClient::get(const HttpRequest& request,
         }
         return {};
     }
+}
+
+std::string HttpClient::proxyOf(const std::string& address) const
+{
+    const std::string scheme = schemeOf(address);
+    if (!m_proxy.empty() || environmentHasProxy(scheme))
+        return m_proxy;
+    return proxyFor(m_systemProxies, scheme, hostOf(address));
 }
 
 void HttpClient::Handles::prepare(const HttpRequest& request, const SourceOptions& options,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "vl/src/platform/systemproxy.h"
 #include "vl/src/transport/source.h"
 
 #include <tl/expected.hpp>
@@ -63,7 +64,7 @@ struct HttpFailure
 class HttpClient final
 {
 public:
-    /// `proxy`: empty for the environment's.
+    /// `proxy`: empty for the environment's or else the system's, which is asked here.
     HttpClient(const SourceOptions& options, const std::string& proxy);
     ~HttpClient();
     HttpClient(const HttpClient&) = delete;
@@ -72,10 +73,14 @@ public:
     tl::expected<void, HttpFailure> get(const HttpRequest& request, const HttpHandler& handler);
 
 private:
+    /// Empty: libcurl is to look into the environment.
+    std::string proxyOf(const std::string& address) const;
+
     struct Handles;
     std::unique_ptr<Handles> m_handles;
     SourceOptions m_options;
     std::string m_proxy;
+    SystemProxies m_systemProxies{};
 };
 
 } // namespace vl
