@@ -6,6 +6,7 @@
 #include "vl/src/install/installation.h"
 #include "vl/src/platform/file.h"
 #include "vl/src/platform/lock.h"
+#include "vl/src/platform/stayawake.h"
 #include "vl/src/transport/source.h"
 
 #include <algorithm>
@@ -78,6 +79,7 @@ vlupd::UPD_RESULT Library::install(const std::string& version, Operation::Progre
     const std::string name = "installVersion " + version;
     Operation operation(m_log, std::move(progress), std::move(stage), name);
     return runAlone(name, Access::Change, operation, [&](Operation& running) {
+        const StayAwake awake;
         auto result = installVersion({m_layout, m_catalogues, m_transport, running}, version);
         if (result && *result == vlupd::OK)
             running.say("installed");
