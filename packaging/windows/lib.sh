@@ -113,7 +113,12 @@ wine_start() {
 # Keeps what Wine runs in the background from becoming a child of the first test, which would be
 # waited for until the last one ends.
 wine_hold() {
-    (wine_environment && unset DISPLAY && tail --pid=$$ -f /dev/null | "$wine64" cmd /k) \
-        >/dev/null 2>&1 &
+    (
+        wine_environment
+        unset DISPLAY
+        "$wine64" explorer /desktop &
+        tail --pid=$$ -f /dev/null | "$wine64" cmd /k
+    ) >/dev/null 2>&1 &
+    sleep 3 # until both are there; nothing tells
 }
 wine_end() { (wine_environment && "${wine64%/*}/wineserver64" --kill) || true; }

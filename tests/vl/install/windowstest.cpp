@@ -161,11 +161,12 @@ void WindowsTest::junctionsAndReadOnlyFilesGo()
     const auto native = [](fs::path path) {
         return QString::fromStdWString(path.make_preferred().native());
     };
-    const bool linked =
-        QProcess::execute(QStringLiteral("cmd"),
-                          {QStringLiteral("/c"), QStringLiteral("mklink"), QStringLiteral("/J"),
-                           native(tree / "junction"), native(outside)}) == 0 &&
-        fs::exists(tree / "junction");
+    QProcess command;
+    command.start(QStringLiteral("cmd"),
+                  {QStringLiteral("/c"), QStringLiteral("mklink"), QStringLiteral("/J"),
+                   native(tree / "junction"), native(outside)});
+    QVERIFY(command.waitForFinished());
+    const bool linked = command.exitCode() == 0 && fs::exists(tree / "junction");
     QCOMPARE(it.library.removeVersion("1.0.0"), vlupd::OK);
     QVERIFY(!fs::exists(tree));
     QVERIFY(fs::exists(outside / "precious"));
