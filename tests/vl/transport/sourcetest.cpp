@@ -87,13 +87,13 @@ void SourceTest::rangesSurviveServers_data()
     };
     row("good", {}, vlupd::OK, 1);
     row("chunked", {.chunked = true}, vlupd::OK, 1);
-    row("slow but alive", {.trickle = 20}, vlupd::OK, 1, "", {100'000, 300});
+    row("slow but alive", {.trickle = 20}, vlupd::OK, 1, "", {100'000, 500});
     row("ranges ignored", {.ignoreRange = true}, vlupd::OK, 1);
     row("body longer than told", {.bodyError = 10}, vlupd::OK, 1);
     row("cut often but not fruitlessly", {.cutAfter = 100'000}, vlupd::OK, 10, "", whole);
     row("cut for ever after a few bytes", {.cutAfter = 10}, failed, 3, "broken");
     once("body shorter than told", {.bodyError = -10}, "at byte 599990");
-    once("stall", {.stallAfter = 0}, "stalled for 1 s");
+    once("stall", {.stallAfter = 0}, "stalled for 2 s");
     once("another ETag under a resume", {.entityTag = "\"other\"", .cutAfter = 100'000},
          "the file changed on the server");
     once("keep-alive closed between requests", {.status = 500, .closes = true}, "status 500");

@@ -31,7 +31,7 @@ std::unique_ptr<vl::Source> TransportFixture::open(const std::string& repository
 
 vl::SourceOptions TransportFixture::impatient()
 {
-    return {.stallTimeout = std::chrono::seconds(1),
+    return {.stallTimeout = std::chrono::seconds(2),
             .firstPause = std::chrono::milliseconds(1),
             .longestPause = std::chrono::milliseconds(5),
             .rangeRetries = 2};
