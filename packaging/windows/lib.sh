@@ -107,18 +107,6 @@ wine_start() {
             [ ! -L "$link" ] || { rm "$link" && mkdir "$link"; }
         done
     ) >/dev/null 2>&1 || fail "Wine could not make its Windows in ${VARNEL_WINE:-$project/build/wine}"
-    wine_hold
     trap wine_end EXIT
-}
-# Keeps what Wine runs in the background from becoming a child of the first test, which would be
-# waited for until the last one ends.
-wine_hold() {
-    (
-        wine_environment
-        unset DISPLAY
-        "$wine64" explorer /desktop &
-        tail --pid=$$ -f /dev/null | "$wine64" cmd /k
-    ) >/dev/null 2>&1 &
-    sleep 3 # until both are there; nothing tells
 }
 wine_end() { (wine_environment && "${wine64%/*}/wineserver64" --kill) || true; }
