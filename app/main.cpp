@@ -1,20 +1,17 @@
 #include "app/logging.h"
+#include "app/platform.h"
 #include "app/settingsstore.h"
 #include "ui/mainwindow/mainwindow.h"
 #include "ui/widgets/resources.h"
 
 #include <QApplication>
 
-#include <cstdlib>
-
-#ifdef Q_OS_WIN
-#include <windows.h>
-#endif
-
 int main(int argc, char* argv[])
 {
     installLogging();
+    choosePlatform();
     const QApplication application(argc, argv);
+    forgetPlatform();
     QApplication::setStyle(QStringLiteral("windows"));
     loadResources();
 
@@ -27,11 +24,7 @@ int main(int argc, char* argv[])
         // The installation cannot be cancelled and nothing may wait for it: the process ends under
         // it, and the library takes up the rest at the next start.
         flushLog();
-#ifdef Q_OS_WIN
-        // An exit would let every library tidy up, under locks of threads that are gone by then.
-        TerminateProcess(GetCurrentProcess(), static_cast<UINT>(result));
-#endif
-        std::_Exit(result);
+        endProcess(result);
     }
     return result;
 }
