@@ -1,6 +1,6 @@
 #include "app/platform.h"
 
-#include <QtGlobal>
+#include <QByteArray>
 
 #include <cstdlib>
 
@@ -21,7 +21,7 @@ void choosePlatform()
 {
 #ifdef Q_OS_WIN
     platformIsOurs = !qEnvironmentVariableIsSet(platformVariable) &&
-                     qputenv(platformVariable, "windows:fontengine=freetype");
+                     qputenv(platformVariable, QByteArrayLiteral("windows:fontengine=freetype"));
 #endif
 }
 
