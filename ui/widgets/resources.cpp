@@ -21,7 +21,11 @@ void loadResources()
     // to others. The windows' style sheets use both, and "Helvetica" in places.
     QFont::insertSubstitution(QStringLiteral("Roboto Light"), QStringLiteral("Roboto"));
     QFont::insertSubstitution(QStringLiteral("Helvetica"), QStringLiteral("Roboto"));
-    QApplication::setFont(QFont(QStringLiteral("Roboto"), 10));
+    QFont font(QStringLiteral("Roboto"), 10);
+#ifdef Q_OS_WIN
+    font.setHintingPreference(QFont::PreferVerticalHinting); // the default of other systems
+#endif
+    QApplication::setFont(font);
     QIcon icon(QStringLiteral(":/images/media/varnel.png"));
     icon.addFile(QStringLiteral(":/images/media/varnel_icon.png"));
     QApplication::setWindowIcon(icon);
