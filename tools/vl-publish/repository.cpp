@@ -87,7 +87,7 @@ Expected<RepositoryChange> RepositoryChange::begin(const fs::path& repository, c
         if (!info || !*info)
             return failure(vlupd::NOT_FOUND, toUtf8(repository) + " is not a repository");
     }
-    auto lock = RootLock::tryTake(repository);
+    auto lock = FolderLock::tryTake(repository);
     if (!lock)
         return tl::unexpected(std::move(lock).error());
     change.m_lock = std::move(*lock);

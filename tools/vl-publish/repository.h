@@ -39,7 +39,7 @@ private:
 
     std::filesystem::path m_top;
     SecretKey m_key;
-    RootLock m_lock;
+    FolderLock m_lock;
     Catalogue m_catalogue;
 };
 

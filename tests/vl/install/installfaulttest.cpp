@@ -202,7 +202,7 @@ void InstallFaultTest::twoProcesses()
     QCOMPARE(promiseFault(it.root, *m_releases, {"2.0.0"}), QString());
 
     // While another one only reads, nothing may change under it.
-    const auto reader = vl::RootLock::tryTakeShared(it.root.path());
+    const auto reader = vl::FolderLock::tryTakeShared(it.root.path());
     QVERIFY(reader);
     QCOMPARE(it.library.checkFiles("2.0.0", std::nullopt), vlupd::OK);
     QCOMPARE(it.library.removeVersion("2.0.0"), vlupd::SYSTEM_CALL_ERROR);

@@ -227,7 +227,8 @@ void InstallTest::damageIsFound_data()
     });
 #endif
     row("write permission gone, manifest lost", vlupd::OK, "", [](const fs::path& tree) {
-        fs::permissions(tree / "bin/simulator", fs::perms::owner_read);
+        for (const char* file : {"bin/simulator", "../../vl.lock"})
+            fs::permissions(tree / file, fs::perms::owner_read);
         fs::remove_all(tree / "../../manifests");
     });
 }

@@ -192,8 +192,8 @@ Expected<vlupd::UPD_RESULT> Library::runLocked(Access access, Operation& operati
 {
     if (access == Access::Change && m_readOnly)
         return failure(vlupd::SYSTEM_CALL_ERROR, "the library was opened for reading only");
-    const auto lock = access == Access::Change ? RootLock::tryTake(m_layout.root())
-                                               : RootLock::tryTakeShared(m_layout.root());
+    const auto lock = access == Access::Change ? FolderLock::tryTake(m_layout.root())
+                                               : FolderLock::tryTakeShared(m_layout.root());
     if (!lock)
         return tl::unexpected(lock.error());
     return work(operation);

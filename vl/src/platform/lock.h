@@ -2,26 +2,29 @@
 
 #include "vl/src/error.h"
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 
 namespace vl {
 
-/// The right to change a root, or to read it undisturbed: an operating-system lock on an open
-/// handle (so that a crash frees it) that children do not inherit. Never waits.
-class RootLock final
+/// The right to change a folder, or to read it undisturbed: an operating-system lock on an open
+/// handle of its file vl.lock (so that a crash frees it) that children do not inherit.
+class FolderLock final
 {
 public:
-    RootLock() = default;
-    ~RootLock();
-    RootLock(RootLock&& other) noexcept;
-    RootLock& operator=(RootLock&& other) noexcept;
+    FolderLock() = default;
+    ~FolderLock();
+    FolderLock(FolderLock&& other) noexcept;
+    FolderLock& operator=(FolderLock&& other) noexcept;
 
-    /// SYSTEM_CALL_ERROR with "another process ..." when it is held elsewhere.
-    static Expected<RootLock> tryTake(const std::filesystem::path& root);
-    /// The right to read without anything changing, which several may have at once. Works on a
-    /// read-only root; where there is no lock file nobody can be changing anything.
-    static Expected<RootLock> tryTakeShared(const std::filesystem::path& root);
+    /// Tries for as long as `patience` while it is held elsewhere, this process included, then
+    /// gives SYSTEM_CALL_ERROR with "another process ...".
+    static Expected<FolderLock> tryTake(const std::filesystem::path& folder,
+                                        std::chrono::milliseconds patience = {});
+    /// The right to read without anything changing, which several may have at once. Never
+    /// waits. Works on a read-only folder; without a lock file nobody can be changing anything.
+    static Expected<FolderLock> tryTakeShared(const std::filesystem::path& folder);
 
 private:
     static constexpr std::intptr_t closedHandle = -1;
