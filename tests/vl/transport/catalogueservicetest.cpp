@@ -8,6 +8,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <future>
+#include <sstream>
 
 using namespace std::chrono_literals;
 using testsupport::Misbehaviour;
@@ -50,6 +52,8 @@ private Q_SLOTS:
     void budgetIsSpentOnce();
     void noNetworkAfterAFailure();
     void copySurvivesACrashWhileSaving();
+    void anotherProcessSavesToo_data();
+    void anotherProcessSavesToo();
 
 private:
     std::string signatureOf(const std::string& text) const
@@ -160,10 +164,19 @@ void CatalogueServiceTest::catalogueIsBelievedOrNot()
 void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
 {
     QCOMPARE(serialAtStart(), newSerial);
-    publish(catalogueText(newSerial + 1, "stranger"));
-    QCOMPARE(serialAtStart(), newSerial);
-    publish(catalogueText(oldSerial));
-    QCOMPARE(serialAtStart(), newSerial);
+    const auto copy = m_fixture->root() / "catalogue" / "catalogue.signed";
+    const auto record = copy.parent_path() / "seen.json";
+    // When the record is lost or damaged, the saved catalogue still shows what was seen.
+    for (const char* damage : {"none", "missing", "{", R"({"repository":"stranger","serials":[7]})",
+                               R"({"repository":"varnel","serials":{"varnel":-1}})"}) {
+        if (*damage == '{')
+            QVERIFY(vl::writeWholeFile(record, damage));
+        publish(catalogueText(newSerial + 1, "stranger"));
+        QCOMPARE(serialAtStart(), newSerial);
+        publish(catalogueText(oldSerial));
+        QCOMPARE(serialAtStart(), newSerial);
+        std::filesystem::remove(record);
+    }
     // A named change of repository and back makes nothing forget the first one's serial.
     for (const char* id : {"stranger", "varnel"}) {
         configure(id);
@@ -171,18 +184,16 @@ void CatalogueServiceTest::otherRepositoriesAndOlderSerialsAreRefused()
         QCOMPARE(serialAtStart(), id == std::string("varnel") ? 0U : oldSerial);
     }
     // The copy may be put back from a backup or damaged: the memory of the serial counts.
-    const auto copy = m_fixture->root() / "catalogue" / "catalogue.json";
-    const std::string old = catalogueText(oldSerial);
-    QVERIFY(vl::writeWholeFile(copy, old));
-    QVERIFY(vl::writeWholeFile(copy.string() + ".minisig", signatureOf(old)));
+    const std::string signature = signatureOf(catalogueText(oldSerial));
+    QVERIFY(vl::writeWholeFile(copy, signature + catalogueText(oldSerial)));
     QCOMPARE(serialAtStart(), 0U);
     QCOMPARE(int(m_error->code), int(vlupd::UPDATER_DATA_ERROR));
     server().stop();
-    QVERIFY(vl::writeWholeFile(copy, catalogueText(newSerial)));
+    QVERIFY(vl::writeWholeFile(copy, signature + catalogueText(newSerial)));
     QCOMPARE(serialAtStart(), 0U);
     // A damaged memory is no reason to refuse everything.
-    QVERIFY(vl::writeWholeFile(copy.parent_path() / "seen.json", "{"));
-    QVERIFY(vl::writeWholeFile(copy, old));
+    QVERIFY(vl::writeWholeFile(record, "{"));
+    QVERIFY(vl::writeWholeFile(copy, signature + catalogueText(oldSerial)));
     QCOMPARE(serialAtStart(), oldSerial);
 }
 
@@ -279,14 +290,64 @@ void CatalogueServiceTest::copySurvivesACrashWhileSaving()
         server().misbehave("*", {.status = 500});
         const std::uint64_t kept = serialAtStart();
         QVERIFY2(kept == oldSerial || kept == newSerial, std::to_string(works).c_str());
-        // Whatever was lost is made good by the next start, the memory of the serial too.
         server().reset();
+        publish(catalogueText(oldSerial));
+        QCOMPARE(serialAtStart(), kept);
+        // Whatever was lost is made good by the next start, the memory of the serial too.
+        publish(catalogueText(newSerial));
         QCOMPARE(serialAtStart(), newSerial);
         publish(catalogueText(oldSerial));
-        std::filesystem::remove(m_fixture->root() / "catalogue" / "catalogue.json");
+        std::filesystem::remove(m_fixture->root() / "catalogue" / "catalogue.signed");
         QCOMPARE(serialAtStart(), 0U);
     }
     QVERIFY(changes > 5);
+}
+
+void CatalogueServiceTest::anotherProcessSavesToo_data()
+{
+    QTest::addColumn<int>("moment"); // of saving the older catalogue, when the other one begins
+    QTest::addColumn<bool>("waits"); // for the other one's end, not only until it wants the lock
+    QTest::addColumn<std::uint64_t>("kept");
+    QTest::newRow("before") << int(vl::FileOperation::MakeDirectory) << true << newSerial;
+    QTest::newRow("meanwhile") << int(vl::FileOperation::Rename) << false << newSerial;
+    QTest::newRow("in vain") << int(vl::FileOperation::Rename) << true << oldSerial;
+}
+
+void CatalogueServiceTest::anotherProcessSavesToo()
+{
+    QFETCH(int, moment);
+    QFETCH(bool, waits);
+    QFETCH(std::uint64_t, kept);
+    vl::Log log;
+    std::future<std::uint64_t> other;
+    std::atomic<bool> begun = false;
+    std::atomic<int> lockings = 0;
+    publish(catalogueText(oldSerial));
+    vl::setFileFault([&](vl::FileOperation what, const std::filesystem::path& path) {
+        lockings += path.filename() == "vl.lock" ? 1 : 0;
+        if (int(what) == moment && !begun.exchange(true)) {
+            publish(catalogueText(newSerial));
+            other = std::async(std::launch::async, [&] {
+                CatalogueService service(m_fixture->root(), false, patient, log);
+                return service.catalogue(false).value()->serial;
+            });
+            while (!waits && lockings < 2)
+                std::this_thread::yield();
+            if (waits)
+                other.wait();
+        }
+        return std::optional<int>();
+    });
+    QCOMPARE(serialAtStart(), oldSerial);
+    QCOMPARE(other.get(), newSerial);
+    cleanup();
+    std::stringbuf lines;
+    log.setBuffer(&lines);
+    log.deliver();
+    const bool saved = lines.str().find("cannot be saved: another process") == std::string::npos;
+    QCOMPARE(kept, saved ? newSerial : oldSerial);
+    publish(catalogueText(oldSerial));
+    QCOMPARE(serialAtStart(), kept);
 }
 
 QTEST_GUILESS_MAIN(CatalogueServiceTest)

@@ -1,7 +1,5 @@
 #include "vl/src/transport/cataloguefetch.h"
 
-#include "vl/src/formats/minisign.h"
-
 #include <array>
 #include <cstdio>
 #include <utility>
@@ -23,8 +21,7 @@ std::string today()
     return text.data();
 }
 
-Expected<FetchedCatalogue> fetchOnce(Source& source, const CatalogueFetch& fetch,
-                                     const Expected<SignedText>& saved, bool uncached)
+Expected<VerifiedCatalogue> fetchOnce(Source& source, const CatalogueFetch& fetch, bool uncached)
 {
     const auto document = [&](const char* path, std::uint64_t maxSize) {
         return source.fetchDocument({.path = path,
@@ -34,42 +31,33 @@ Expected<FetchedCatalogue> fetchOnce(Source& source, const CatalogueFetch& fetch
                                      .deadline = std::chrono::steady_clock::now() + longestFetch,
                                      .cancelled = fetch.cancelled});
     };
-    FetchedCatalogue result;
     Expected<std::string> signature = document("catalogue.json.minisig", maxSignatureSize);
     if (!signature)
         return tl::unexpected(std::move(signature.error()));
     // The signature tells that nothing has changed, without the catalogue's many bytes.
-    result.isSaved = saved && saved->signature == *signature;
-    if (result.isSaved) {
-        result.pair = *saved;
-    } else {
+    Expected<VerifiedCatalogue> result = fetch.saved;
+    if (!result || result->pair.signature != *signature) {
         Expected<std::string> text = document("catalogue.json", maxCatalogueSize);
         if (!text)
             return tl::unexpected(std::move(text.error()));
-        result.pair = {std::move(*text), std::move(*signature)};
-        if (Expected<void> verified =
-                verify(result.pair.text, result.pair.signature, fetch.config.publicKeys);
-            !verified)
-            return failure(source.describe(), std::move(verified.error()));
+        result =
+            verifiedCatalogue({std::move(*text), std::move(*signature)}, fetch.config.publicKeys);
+        if (!result)
+            return failure(source.describe(), std::move(result.error()));
     }
-    Expected<Catalogue> catalogue = readCatalogue(result.pair.text);
-    if (!catalogue)
-        return failure(source.describe(), std::move(catalogue.error()));
-    if (Expected<void> ours = checkOrigin(*catalogue, fetch.config, fetch.seen); !ours)
+    if (Expected<void> ours = checkOrigin(*result->catalogue, fetch.config, fetch.seen); !ours)
         return failure(source.describe(), std::move(ours.error()));
-    result.catalogue = std::make_shared<const Catalogue>(std::move(*catalogue));
     return result;
 }
 
 } // namespace
 
-Expected<FetchedCatalogue> fetchCatalogue(Source& source, const CatalogueFetch& fetch)
+Expected<VerifiedCatalogue> fetchCatalogue(Source& source, const CatalogueFetch& fetch)
 {
-    const Expected<SignedText> saved = fetch.store.read(fetch.config.publicKeys);
-    Expected<FetchedCatalogue> fetched = fetchOnce(source, fetch, saved, false);
+    Expected<VerifiedCatalogue> fetched = fetchOnce(source, fetch, false);
     if (!fetched && fetched.error().code == vlupd::UPDATER_DATA_ERROR) {
         fetch.say("catalogue: " + fetched.error().message + "; fetching it again past the caches");
-        fetched = fetchOnce(source, fetch, saved, true);
+        fetched = fetchOnce(source, fetch, true);
     }
     if (fetched)
         warnIfExpired(*fetched->catalogue, fetch.say);

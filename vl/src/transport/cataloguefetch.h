@@ -5,19 +5,11 @@
 
 namespace vl {
 
-/// A catalogue that has been fetched and may be believed.
-struct FetchedCatalogue
-{
-    std::shared_ptr<const Catalogue> catalogue;
-    SignedText pair;
-    bool isSaved = false; ///< the saved one is the newest
-};
-
 /// What a fetch needs to know and to tell.
 struct CatalogueFetch
 {
     const Config& config;
-    const CatalogueStore& store;
+    const Expected<VerifiedCatalogue>& saved; ///< of the store
     SeenRepositories seen;
     std::function<bool()> cancelled;
     std::function<void(const std::string&)> say; ///< takes log lines
@@ -25,8 +17,9 @@ struct CatalogueFetch
 
 /// Fetches the catalogue and its signature, verifies them and checks where they come from. What
 /// cannot be believed (an update in flight, a half from a cache, a log-in page) is fetched once
-/// more past the caches. No other attempt is repeated.
-Expected<FetchedCatalogue> fetchCatalogue(Source& source, const CatalogueFetch& fetch);
+/// more past the caches. No other attempt is repeated. Gives the very object of `saved` when that
+/// is the newest.
+Expected<VerifiedCatalogue> fetchCatalogue(Source& source, const CatalogueFetch& fetch);
 
 /// Logs that `catalogue` should have been replaced by now, if so. The clock alone refuses nothing.
 void warnIfExpired(const Catalogue& catalogue, const std::function<void(const std::string&)>& say);

@@ -196,7 +196,8 @@ Expected<CataloguePointer> CatalogueService::Shared::fetchAndSave(const Config& 
     const Expected<std::unique_ptr<Source>> source = openSource(config, root, limits.transport);
     if (!source)
         return tl::unexpected(source.error());
-    SeenRepositories seen = store.seen();
+    const Expected<VerifiedCatalogue> onDisk = store.read(config.publicKeys);
+    SeenRepositories seen = store.seen(onDisk);
     {
         // A root that cannot be written to remembers nothing.
         const std::lock_guard lock(mutex);
@@ -204,19 +205,20 @@ Expected<CataloguePointer> CatalogueService::Shared::fetchAndSave(const Config& 
             seen.add(*newest);
     }
     const auto logLine = [this](const std::string& line) { say(line); };
-    Expected<FetchedCatalogue> fetched =
+    Expected<VerifiedCatalogue> fetched =
         fetchCatalogue(**source, {.config = config,
-                                  .store = store,
+                                  .saved = onDisk,
                                   .seen = seen,
                                   .cancelled = [this] { return abandoned.load(); },
                                   .say = logLine});
     if (!fetched)
         return tl::unexpected(std::move(fetched.error()));
-    const bool remembered = fetched->isSaved && store.seen().know(*fetched->catalogue);
+    const bool remembered = onDisk && onDisk->catalogue == fetched->catalogue &&
+                            store.recorded().know(*fetched->catalogue);
     if (!readOnly && !remembered && !abandoned) {
         // The catalogue is good all the same: only a later start without the service lacks it.
-        if (const Expected<void> kept = store.save(fetched->pair, *fetched->catalogue); !kept)
-            say("catalogue: " + kept.error().message);
+        if (const Expected<void> kept = store.save(*fetched, config); !kept)
+            say("catalogue: it cannot be saved: " + kept.error().message);
     }
     return std::move(fetched->catalogue);
 }
@@ -235,21 +237,18 @@ Expected<CataloguePointer> CatalogueService::Shared::fallBack(const Config& conf
     for (const CataloguePointer& known : {newest, saved})
         if (known && checkOrigin(*known, config, {}))
             return known;
-    const Expected<SignedText> pair = store.read(config.publicKeys);
-    Expected<Catalogue> catalogue = pair ? readCatalogue(pair->text) : tl::unexpected(pair.error());
-    if (catalogue) {
-        if (Expected<void> ours = checkOrigin(*catalogue, config, store.seen()); !ours)
-            catalogue = tl::unexpected(std::move(ours.error()));
-    }
-    if (catalogue) {
-        say("catalogue: using the one of " + catalogue->date + " that was verified last, serial " +
-            std::to_string(catalogue->serial));
-        warnIfExpired(*catalogue, [this](const std::string& line) { say(line); });
-        saved = std::make_shared<const Catalogue>(std::move(*catalogue));
+    const Expected<VerifiedCatalogue> onDisk = store.read(config.publicKeys);
+    const Expected<void> good = onDisk ? checkOrigin(*onDisk->catalogue, config, store.seen(onDisk))
+                                       : Expected<void>(tl::unexpected(onDisk.error()));
+    if (good) {
+        saved = onDisk->catalogue;
+        say("catalogue: using the one of " + saved->date + " that was verified last, serial " +
+            std::to_string(saved->serial));
+        warnIfExpired(*saved, [this](const std::string& line) { say(line); });
         return saved;
     }
-    if (catalogue.error().code != vlupd::NOT_FOUND)
-        say("catalogue: the saved one is of no use: " + catalogue.error().message);
+    if (good.error().code != vlupd::NOT_FOUND)
+        say("catalogue: the saved one is of no use: " + good.error().message);
     if (lastFailure)
         return tl::unexpected(*lastFailure);
     return failure(vlupd::RSYNC_ERROR,

@@ -2,24 +2,53 @@
 
 #include "vl/src/formats/minisign.h"
 #include "vl/src/platform/file.h"
+#include "vl/src/platform/lock.h"
 
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <array>
+#include <chrono>
+#include <utility>
 
 namespace vl {
 
 namespace {
 
 constexpr std::uint64_t maxSeenSize = 1U << 20U;
-constexpr auto catalogueName = "catalogue.json";
-constexpr auto signatureName = "catalogue.json.minisig";
-// Holds the signature while the catalogue itself is being replaced.
-constexpr auto newSignatureName = "catalogue.json.minisig.new";
+// The four lines of the signature, then the catalogue's text: in one file they always belong
+// together.
+constexpr auto catalogueName = "catalogue.signed";
 constexpr auto seenName = "seen.json";
+// Other processes hold the lock for milliseconds, while they write two files.
+constexpr std::chrono::milliseconds lockPatience{500};
+
+SignedText splitSigned(std::string text)
+{
+    std::size_t end = 0;
+    for (int line = 0; line < 4 && end < text.size(); ++line)
+        end = std::min(text.find('\n', end), text.size() - 1) + 1;
+    std::string signature = text.substr(0, end);
+    text.erase(0, end);
+    return {std::move(text), std::move(signature)};
+}
+
+std::string joinSigned(const SignedText& pair)
+{
+    return pair.signature + (pair.signature.ends_with('\n') ? "" : "\n") + pair.text;
+}
 
 } // namespace
+
+Expected<VerifiedCatalogue> verifiedCatalogue(SignedText pair, std::span<const PublicKey> keys)
+{
+    if (auto good = verify(pair.text, pair.signature, keys); !good)
+        return tl::unexpected(std::move(good.error()));
+    auto catalogue = readCatalogue(pair.text);
+    if (!catalogue)
+        return tl::unexpected(std::move(catalogue.error()));
+    return VerifiedCatalogue{std::make_shared<const Catalogue>(std::move(*catalogue)),
+                             std::move(pair)};
+}
 
 void SeenRepositories::add(const Catalogue& catalogue)
 {
@@ -37,39 +66,36 @@ bool SeenRepositories::know(const Catalogue& catalogue) const
 
 CatalogueStore::CatalogueStore(const std::filesystem::path& root) : m_folder(root / "catalogue") {}
 
-Expected<SignedText> CatalogueStore::read(std::span<const PublicKey> keys) const
+Expected<VerifiedCatalogue> CatalogueStore::read(std::span<const PublicKey> keys) const
 {
-    Expected<std::string> text = readWholeFile(m_folder / catalogueName, maxCatalogueSize);
+    const std::filesystem::path path = m_folder / catalogueName;
+    Expected<std::string> text = readWholeFile(path, maxSignatureSize + maxCatalogueSize);
     if (!text)
         return tl::unexpected(std::move(text.error()));
-    Expected<void> verified;
-    for (const auto* name : {signatureName, newSignatureName}) {
-        Expected<std::string> signature = readWholeFile(m_folder / name, maxSignatureSize);
-        Expected<void> fits = signature ? verify(*text, *signature, keys)
-                                        : Expected<void>(tl::unexpected(signature.error()));
-        if (fits)
-            return SignedText{std::move(*text), std::move(*signature)};
-        // The usual file's fault is the one to tell.
-        if (verified)
-            verified = std::move(fits);
-    }
-    return failure("the saved catalogue", std::move(verified.error()));
+    auto saved = verifiedCatalogue(splitSigned(std::move(*text)), keys);
+    return saved ? std::move(saved) : failure(toUtf8(path), std::move(saved.error()));
 }
 
-Expected<void> CatalogueStore::save(const SignedText& pair, const Catalogue& catalogue) const
+Expected<void> CatalogueStore::save(const VerifiedCatalogue& verified, const Config& config) const
 {
-    SeenRepositories all = seen();
-    all.add(catalogue);
-    const nlohmann::json seen{{"repository", all.last}, {"serials", all.serials}};
-    return makeDirectories(m_folder)
-        .and_then([&] { return writeWholeFile(m_folder / newSignatureName, pair.signature); })
-        .and_then([&] { return writeWholeFile(m_folder / catalogueName, pair.text); })
-        .and_then(
-            [&] { return renameReplacing(m_folder / newSignatureName, m_folder / signatureName); })
-        .and_then([&] { return writeWholeFile(m_folder / seenName, seen.dump() + '\n'); });
+    if (auto made = makeDirectories(m_folder); !made)
+        return made;
+    const Expected<FolderLock> lock = FolderLock::tryTake(m_folder, lockPatience);
+    if (!lock)
+        return tl::unexpected(lock.error());
+    SeenRepositories all = seen(read(config.publicKeys));
+    if (auto newest = checkOrigin(*verified.catalogue, config, all); !newest)
+        return newest;
+    all.add(*verified.catalogue);
+    const nlohmann::json record{{"repository", all.last}, {"serials", all.serials}};
+    // The catalogue goes first: after a crash it counts as seen without the record, but a higher
+    // serial in the record would forbid the catalogue that is still there.
+    return writeWholeFile(m_folder / catalogueName, joinSigned(verified.pair)).and_then([&] {
+        return writeWholeFile(m_folder / seenName, record.dump() + '\n');
+    });
 }
 
-SeenRepositories CatalogueStore::seen() const
+SeenRepositories CatalogueStore::recorded() const
 {
     SeenRepositories seen;
     const Expected<std::string> text = readWholeFile(m_folder / seenName, maxSeenSize);
@@ -83,6 +109,14 @@ SeenRepositories CatalogueStore::seen() const
         if (serial.is_number_unsigned())
             seen.serials[id] = serial.get<std::uint64_t>();
     return seen;
+}
+
+SeenRepositories CatalogueStore::seen(const Expected<VerifiedCatalogue>& saved) const
+{
+    SeenRepositories all = recorded();
+    if (saved)
+        all.add(*saved->catalogue);
+    return all;
 }
 
 Expected<void> checkOrigin(const Catalogue& catalogue, const Config& config,

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -22,6 +23,16 @@ struct SignedText
     std::string signature;
 };
 
+/// A catalogue whose signature is good.
+struct VerifiedCatalogue
+{
+    std::shared_ptr<const Catalogue> catalogue;
+    SignedText pair; ///< from which it was read
+};
+
+/// Verifies and reads a catalogue. UPDATER_DATA_ERROR when it cannot be believed.
+Expected<VerifiedCatalogue> verifiedCatalogue(SignedText pair, std::span<const PublicKey> keys);
+
 /// The repositories whose catalogues were believed so far.
 struct SeenRepositories
 {
@@ -34,19 +45,24 @@ struct SeenRepositories
 };
 
 /// What a root remembers of the service: the last verified catalogue with its signature, and which
-/// repositories were seen. Files in catalogue/ below the root.
+/// repositories were seen. Files in catalogue/ below the root. Any process may save at any time.
 class CatalogueStore final
 {
 public:
     explicit CatalogueStore(const std::filesystem::path& root);
 
-    /// The saved pair, its signature verified now. NOT_FOUND when there is none.
-    Expected<SignedText> read(std::span<const PublicKey> keys) const;
-    /// Saves a verified pair and remembers its repository and serial. A crash at any point leaves
-    /// the old pair or the new one readable (and, at worst, the old serial remembered).
-    Expected<void> save(const SignedText& pair, const Catalogue& catalogue) const;
-    /// What was remembered; nothing when the file is missing or damaged.
-    SeenRepositories seen() const;
+    /// The saved catalogue, its signature verified now. NOT_FOUND when there is none,
+    /// UPDATER_DATA_ERROR when it cannot be believed.
+    Expected<VerifiedCatalogue> read(std::span<const PublicKey> keys) const;
+    /// Saves a catalogue and records its repository and serial; a crash at any point leaves the old
+    /// catalogue or the new one. UPDATER_DATA_ERROR, and nothing is changed, when checkOrigin()
+    /// refuses it because of what another process has saved meanwhile; SYSTEM_CALL_ERROR when
+    /// another process keeps the lock or a file cannot be written.
+    Expected<void> save(const VerifiedCatalogue& verified, const Config& config) const;
+    /// What the record says; nothing when it is missing or damaged.
+    SeenRepositories recorded() const;
+    /// What the record and the saved catalogue show together; the highest serials of both.
+    SeenRepositories seen(const Expected<VerifiedCatalogue>& saved) const;
 
 private:
     std::filesystem::path m_folder;
