@@ -48,6 +48,8 @@ void NamesTest::pathsAreJudged_data()
     row("device with space", "aux .txt", "reserved");
     row("superscript port", "COM\xc2\xb9", "reserved");
     row("short name with extension", "setup~12.exe", "short name");
+    row("staging folder", ".VL/x", "begins with the reserved name .VL");
+    row("like the staging folder", ".vlx/a\nb/.vl", "");
     row("overlong slash", "a\xc0\xaf", "UTF-8");
     row("apart", "a\nb/a\nb/c", "");
     row("twice", "a/b\na/b", "are one file");

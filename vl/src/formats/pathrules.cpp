@@ -11,6 +11,8 @@
 namespace vl {
 namespace {
 
+/// The folder of a version in which the library stages files, case-folded.
+constexpr std::string_view stagingFolder = ".vl";
 constexpr std::size_t maxComponentSize = 255; // ext4, NTFS and APFS agree on 255
 constexpr std::size_t maxPathSize = 1024;
 constexpr std::size_t maxKeySize = 128; // leaves room for what the library adds to folder names
@@ -132,6 +134,9 @@ std::string pathFault(std::string_view path)
             return fault;
         begin = end + 1;
     }
+    const std::string_view top = path.substr(0, path.find('/'));
+    if (foldPath(top) == stagingFolder)
+        return "begins with the reserved name " + std::string(top);
     return {};
 }
 

@@ -10,7 +10,8 @@ namespace vl {
 /// "/" between non-empty components of at most 255 bytes, 1024 bytes in all, valid UTF-8, no "."
 /// or "..", no drive, colon, backslash or control character, no other character that Windows
 /// refuses (<>"|?*), no trailing dot or space, no reserved device name (CON, NUL, COM1 ... with
-/// any extension), no 8.3 short name (PROGRA~1), which Windows could take for another file.
+/// any extension), no 8.3 short name (PROGRA~1), which Windows could take for another file, and not
+/// ".vl" in any case as the first component, where the library stages files.
 std::string pathFault(std::string_view path);
 
 /// Why `key` may not be a version key, or an empty text. A key is one path component of at most
