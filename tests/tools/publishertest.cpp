@@ -1,4 +1,5 @@
 #include "tests/vl/install/installfixture.h"
+#include "tools/vl-publish/glob.h"
 #include "vl/src/formats/manifest.h"
 #include "vl/src/platform/file.h"
 
@@ -39,6 +40,7 @@ private Q_SLOTS:
     void damageIsFound_data();
     void damageIsFound();
     void interruptedChangesAreCleared();
+    void globsMatch();
 
 private:
     Outcome run(const QString& commandLine) const;
@@ -102,12 +104,14 @@ void PublisherTest::publishedFolderIsListedVerifiedAndUnpackedByTar()
 {
     const Outcome added = add(
         "repo 1.1.0 rel", QStringLiteral("new 1.0.0 big --name \"Особая\" --changelog good.json "
-                                         "--expires 2099-01-01"));
+                                         "--expires 2099-01-01 --settings *.dat "
+                                         "--settings данные/*"));
     QCOMPARE(added.exitCode, 0);
     // No progress where there is no terminal.
     QCOMPARE(added.errors, "note: the empty folder \"nothing here\" is not published\n");
     const QByteArray listed = run(QStringLiteral("list new")).output;
-    const std::string catalogue = filesIn(m_top / "new").at("catalogue.json");
+    const Files files = filesIn(m_top / "new");
+    const std::string& catalogue = files.at("catalogue.json");
     for (const char* part : {"1.0.0", "2026-10-01", "Особая"})
         QVERIFY2(listed.contains(part) && catalogue.find(part) != std::string::npos,
                  listed.constData());
@@ -115,6 +119,11 @@ void PublisherTest::publishedFolderIsListedVerifiedAndUnpackedByTar()
     for (const char* part : {"Исправлено", "\"expires\": \"2099-01-01\""})
         QVERIFY2(catalogue.find(part) != std::string::npos, part);
     QCOMPARE(verify("new").exitCode, 0);
+    const auto manifest = vl::readManifest(files.lower_bound("manifests/")->second, "1.0.0");
+    QVERIFY(manifest.has_value());
+    for (const vl::ManifestFile& file : manifest->files)
+        QCOMPARE(file.role == vl::FileRole::Settings,
+                 file.path == "empty.dat" || file.path == "данные/карта мира.txt");
 
 #ifndef Q_OS_WIN // whose tar knows no zstd
     const fs::path pack = fs::directory_iterator(m_top / "new/packs")->path();
@@ -165,7 +174,8 @@ void PublisherTest::badCommandsAreRefused_data()
     addRow("s.key", "other.key", "unknown key");
     addRow("=bin/sim", "", "KEY=RELATIVE/PATH");
     addRow("bin/sim", "bin/sim.exe", "is no file of");
-    addRow("--level 1", "--level 23", "--level");
+    addRow("--level 1", "--settings *.cfg", "\"*.cfg\" of settings files matches no file");
+    addRow("--level 1", "--settings bin/*", "\"bin/*\" of settings files matches the executable");
     addRow("--level 1", "--changelog broken.json", "broken.json");
     addRow("--level 1", "--changelog text.json", "\"features\"");
     addRow("2026-10-01", "2026-02-30", "not a date");
@@ -178,7 +188,6 @@ void PublisherTest::badCommandsAreRefused_data()
     addRow("rel", "linked", "\"bin/link\": it is a symbolic link");
 #endif
     addRow("repo", "rel/repo", "inside");
-    row({}, "subcommand");
     row(QStringLiteral("keygen --secret-key s.key --public-key q.pub"), "exists");
     row(QStringLiteral("list rel"), "catalogue.json");
     row(QStringLiteral("verify rel --public-key p.pub"), "faults found: 1");
@@ -247,6 +256,33 @@ void PublisherTest::interruptedChangesAreCleared()
     QCOMPARE(addNext("1.2.0"), 0);
     const Outcome whole = verify("copy");
     QVERIFY2(whole.output.startsWith("no faults: 4 versions"), whole.output.constData());
+}
+
+void PublisherTest::globsMatch()
+{
+    struct Row
+    {
+        const char* glob;
+        std::vector<const char*> matched;
+        std::vector<const char*> others;
+    };
+    const std::vector<Row> rows{
+        {"*.ini", {"keys.ini", "a/b/keys.ini"}, {"keys.INI", "keys.ini.bak", "a.ini/keys"}},
+        {"/keys.ini", {"keys.ini"}, {"a/keys.ini"}},
+        {"a/*.ini", {"a/keys.ini"}, {"a/b/keys.ini", "b/a/keys.ini"}},
+        {"a/**", {"a/b/c/keys.ini"}, {"a", "ab/keys.ini"}},
+        {"a/**/*.ini", {"a/keys.ini", "a/b/c/keys.ini"}, {"ab/keys.ini"}},
+        {"**/b/*", {"b/keys.ini", "a/b/keys.ini"}, {"ab/keys.ini"}},
+        {"*k*s", {"kkeys", "a/keys"}, {"k/s", "keyset"}},
+        {"карт?.ini", {"карта.ini"}, {"карт.ini", "карт/.ini"}},
+        {"[a].ini", {"[a].ini"}, {"a.ini"}},
+    };
+    for (const Row& row : rows) {
+        for (const char* path : row.matched)
+            QVERIFY2(vl::publish::globMatches(row.glob, path), path);
+        for (const char* path : row.others)
+            QVERIFY2(!vl::publish::globMatches(row.glob, path), path);
+    }
 }
 
 QTEST_APPLESS_MAIN(PublisherTest)

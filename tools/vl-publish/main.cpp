@@ -27,6 +27,7 @@ struct Arguments
     std::string version;
     std::string folder;
     std::vector<std::string> executables;
+    std::vector<std::string> settings;
     std::string secretKey;
     std::string publicKey;
     std::string date;
@@ -55,6 +56,7 @@ Expected<AddRequest> makeAddRequest(const Arguments& arguments)
     request.repository = fromUtf8(arguments.repository);
     request.version = arguments.version;
     request.folder = fromUtf8(arguments.folder);
+    request.settings = arguments.settings;
     request.date = arguments.date;
     request.level = arguments.level;
     request.deltaLevel = arguments.deltaLevel;
@@ -207,6 +209,9 @@ int run(std::vector<std::string> commandLine)
         ->allow_extra_args(false) // one for each --exec, so that it may stand anywhere
         ->required();
     secretKey(add);
+    add->add_option("--settings", arguments.settings,
+                    "GLOB of settings files, which belong to the user once installed; repeatable")
+        ->allow_extra_args(false);
     add->add_option("--date", arguments.date, "release date, YYYY-MM-DD; today if not given");
     add->add_option("--name", arguments.name, "display name, which makes it a special version");
     add->add_option("--changelog", arguments.changelog,

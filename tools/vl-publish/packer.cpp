@@ -39,7 +39,8 @@ public:
                             .size = file.size,
                             .mode = file.mode,
                             .hash = {},
-                            .rawOffset = m_writer.rawSize()};
+                            .rawOffset = m_writer.rawSize(),
+                            .role = file.role};
         Hasher hasher;
         if (auto done = copy(*source, file, hasher); !done)
             return tl::unexpected(std::move(done).error());

@@ -78,19 +78,6 @@ Expected<void> checkNotListed(const Catalogue& catalogue, const std::string& ver
     return {};
 }
 
-/// Executables are listed files, and can be executed wherever the folder was made.
-Expected<void> markExecutable(const std::string& key, const std::string& path,
-                              std::vector<ReleaseFile>& files)
-{
-    const auto file =
-        std::find_if(files.begin(), files.end(), [&path](const auto& f) { return f.path == path; });
-    if (file == files.end())
-        return failure(vlupd::APP_DEFINITION_ERROR,
-                       "the executable \"" + path + "\" (" + key + ") is no file of the folder");
-    file->mode = 0755;
-    return {};
-}
-
 /// Writes the pack under a temporary name and then under that of its hash.
 Expected<Manifest> writePack(const AddRequest& request, const std::vector<ReleaseFile>& files,
                              const fs::path& repository, Progress& progress)
@@ -157,10 +144,10 @@ Expected<void> addVersion(const AddRequest& request, Progress& progress)
     auto files = scanReleaseFolder(request.folder, progress);
     if (!files)
         return tl::unexpected(std::move(files).error());
-    for (const auto& [key, path] : request.executables) {
-        if (auto marked = markExecutable(key, path, *files); !marked)
-            return marked;
-    }
+    if (auto marked = markExecutables(request.executables, *files); !marked)
+        return marked;
+    if (auto marked = markSettings(request.settings, request.executables, *files); !marked)
+        return marked;
 
     auto change = RepositoryChange::begin(request.repository, request.secretKey, true);
     if (!change)

@@ -40,6 +40,7 @@ struct AddRequest
     std::string version;
     std::filesystem::path folder;                   ///< its files are the version
     std::map<std::string, std::string> executables; ///< key -> path relative to `folder`
+    std::vector<std::string> settings;              ///< globs (glob.h) of settings files
     SecretKey secretKey;
     std::string date;                   ///< yyyy-MM-dd; empty: today()
     std::optional<std::string> name;    ///< display name of a special version
@@ -52,8 +53,8 @@ struct AddRequest
 };
 
 /// Publishes a folder as a new version. Refuses what a client would refuse, symbolic links and
-/// special files, and a version that is already listed. Equal input gives an equal pack and
-/// manifest, byte for byte.
+/// special files, a glob of settings files that matches none or an executable, and a version that
+/// is already listed. Equal input gives an equal pack and manifest, byte for byte.
 Expected<void> addVersion(const AddRequest& request, Progress& progress);
 
 /// Takes a version off the catalogue. Its pack and manifest stay for downloads that run, until

@@ -1,5 +1,6 @@
 #include "tools/vl-publish/releasefolder.h"
 
+#include "tools/vl-publish/glob.h"
 #include "vl/src/formats/pathrules.h"
 #include "vl/src/platform/file.h"
 
@@ -13,6 +14,18 @@ namespace {
 tl::unexpected<Error> refused(const std::string& path, const std::string& why)
 {
     return failure(vlupd::UPDATER_DATA_ERROR, "cannot publish \"" + path + "\": " + why);
+}
+
+tl::unexpected<Error> notInFolder(const std::string& key, const std::string& path)
+{
+    return failure(vlupd::APP_DEFINITION_ERROR,
+                   "the executable \"" + path + "\" (" + key + ") is no file of the folder");
+}
+
+tl::unexpected<Error> refusedGlob(vlupd::UPD_RESULT code, const std::string& glob,
+                                  const std::string& why)
+{
+    return failure(code, "the glob \"" + glob + "\" of settings files " + why);
 }
 
 std::string parentOf(const std::string& path)
@@ -77,6 +90,40 @@ Expected<std::vector<ReleaseFile>> scanReleaseFolder(const fs::path& folder, Pro
     if (auto checked = checkPaths(files); !checked)
         return tl::unexpected(std::move(checked).error());
     return files;
+}
+
+Expected<void> markExecutables(const std::map<std::string, std::string>& executables,
+                               std::vector<ReleaseFile>& files)
+{
+    for (const auto& [key, path] : executables) {
+        const auto file = std::ranges::find(files, path, &ReleaseFile::path);
+        if (file == files.end())
+            return notInFolder(key, path);
+        file->mode = 0755;
+    }
+    return {};
+}
+
+Expected<void> markSettings(const std::vector<std::string>& globs,
+                            const std::map<std::string, std::string>& executables,
+                            std::vector<ReleaseFile>& files)
+{
+    for (const std::string& glob : globs) {
+        bool matched = false;
+        for (ReleaseFile& file : files) {
+            if (!globMatches(glob, file.path))
+                continue;
+            if (std::ranges::any_of(executables,
+                                    [&](const auto& item) { return item.second == file.path; }))
+                return refusedGlob(vlupd::APP_DEFINITION_ERROR, glob,
+                                   "matches the executable " + file.path);
+            file.role = FileRole::Settings;
+            matched = true;
+        }
+        if (!matched)
+            return refusedGlob(vlupd::NOT_FOUND, glob, "matches no file of the folder");
+    }
+    return {};
 }
 
 } // namespace vl::publish

@@ -24,7 +24,7 @@ const char* const manifestText = R"({"format":1,
   {"offset":0,"size":10,"rawSize":1000,"hash":"%H"},
   {"offset":10,"size":20,"rawSize":2000,"hash":"%H"}]},
 "files":[
-  {"path":"a.txt","size":100,"mode":"0644","hash":"%H","rawOffset":512},
+  {"path":"a.txt","size":100,"mode":"0644","hash":"%H","rawOffset":512,"role":"settings"},
   {"path":"bin/sim","size":1500,"mode":"0755","hash":"%H","rawOffset":1024}]}
 )";
 const char* const catalogueText = R"({"format": 1, "repository": "0123456789abcdef", "serial": 7,
@@ -135,6 +135,7 @@ void DocumentsTest::variantsAreJudged_data()
     manifest("frames overlap", "\"offset\":10,", "\"offset\":9,", "does not begin");
     manifest("short hash", hash, QByteArray(63, 'a'), "hexadecimal");
     manifest("set-user bit", "0755", "4755", "0644 nor 0755");
+    manifest("unknown role", "\"settings\"", "\"Settings\"", "\"role\" is not");
     manifest("gap between frames", "\"offset\":10,", "\"offset\":11,", "does not begin");
     manifest("pack not filled", "\"pack\":{\"size\":30", "\"pack\":{\"size\":31", "fill");
     manifest("empty frame", "\"rawSize\":1000", "\"rawSize\":0", "empty or larger");
@@ -158,7 +159,10 @@ void DocumentsTest::variantsAreJudged_data()
     manifest("empty delta", "\"files\":[", delta("0.9", "0", "5"), "is empty");
     manifest("delta index above the limit", "\"files\":[", delta("0.9", "5", "33554433"),
              "too large");
-    manifest("executable not listed", ":\"bin/sim\"}", ":\"bin/si\"}", "not listed");
+    manifest("executable not listed", ":\"bin/sim\"}", ":\"bin/si\"}",
+             "(default_exec) is not listed");
+    manifest("executable that is settings", ":\"bin/sim\"}", ":\"a.txt\"}",
+             "(default_exec) is a settings file");
 
     const auto catalogue = rowsOf(Catalogue, "catalogue");
     catalogue("unknown format", "\"format\": 1", "\"format\": 2", "format version 2");
@@ -205,8 +209,8 @@ void DocumentsTest::variantsAreJudged()
     QVERIFY2(found.has_value() != fault.empty(), found ? message.c_str() : "accepted");
     QVERIFY2(message.find(fault) != std::string::npos, message.c_str());
     if (found)
-        QCOMPARE(found->code,
-                 fault == "not listed" ? vlupd::APP_DEFINITION_ERROR : vlupd::UPDATER_DATA_ERROR);
+        QCOMPARE(found->code, fault.starts_with("(default_exec)") ? vlupd::APP_DEFINITION_ERROR
+                                                                  : vlupd::UPDATER_DATA_ERROR);
 }
 
 QTEST_APPLESS_MAIN(DocumentsTest)

@@ -103,6 +103,21 @@ Expected<void> checkPaths(const Manifest& manifest)
     return {};
 }
 
+Expected<void> checkExecutables(const Manifest& manifest)
+{
+    const auto refused = std::ranges::find_if(manifest.executables, [&](const auto& item) {
+        const ManifestFile* file = manifest.find(item.second);
+        return file == nullptr || file->role == FileRole::Settings;
+    });
+    if (refused == manifest.executables.end())
+        return {};
+    const auto& [key, path] = *refused;
+    return failure(
+        vlupd::APP_DEFINITION_ERROR,
+        "the executable \"" + path + "\" (" + key +
+            (manifest.find(path) == nullptr ? ") is not listed" : ") is a settings file"));
+}
+
 std::string modeText(std::uint32_t mode)
 {
     return (mode & 0100U) != 0 ? "0755" : "0644";
@@ -148,13 +163,8 @@ Expected<Manifest> readManifest(std::string_view text, std::string_view expected
         return failure(context, std::move(checked.error()));
     if (auto checked = checkDeltas(*manifest); !checked)
         return failure(context, std::move(checked.error()));
-    const auto unlisted = std::find_if(
-        manifest->executables.begin(), manifest->executables.end(),
-        [&manifest](const auto& item) { return manifest->find(item.second) == nullptr; });
-    if (unlisted != manifest->executables.end())
-        return failure(vlupd::APP_DEFINITION_ERROR, context + ": the executable \"" +
-                                                        unlisted->second + "\" (" +
-                                                        unlisted->first + ") is not listed");
+    if (auto checked = checkExecutables(*manifest); !checked)
+        return failure(context, std::move(checked.error()));
     return manifest;
 }
 
@@ -182,11 +192,14 @@ std::string writeManifest(const Manifest& manifest)
             {"indexSize", delta.indexSize}, {"indexHash", toHex(delta.indexHash)}};
     });
     const std::string files = lines(manifest.files, [](const ManifestFile& file) {
-        return ordered_json{{"path", file.path},
-                            {"size", file.size},
-                            {"mode", modeText(file.mode)},
-                            {"hash", toHex(file.hash)},
-                            {"rawOffset", file.rawOffset}};
+        ordered_json members{{"path", file.path},
+                             {"size", file.size},
+                             {"mode", modeText(file.mode)},
+                             {"hash", toHex(file.hash)},
+                             {"rawOffset", file.rawOffset}};
+        if (file.role == FileRole::Settings)
+            members["role"] = "settings";
+        return members;
     });
     return "{\"format\":" + std::to_string(manifestFormat) +
            ",\n\"version\":" + ordered_json(manifest.version).dump() +

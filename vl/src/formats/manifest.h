@@ -38,6 +38,10 @@ struct Pack
     std::vector<Frame> frames;
 };
 
+/// The owner of a file once it is installed: the version (Ordinary), or the user, who may change it
+/// (Settings).
+enum class FileRole : std::uint8_t { Ordinary, Settings };
+
 /// One file of a version. Its bytes lie at `rawOffset` of the pack's uncompressed stream.
 struct ManifestFile
 {
@@ -46,6 +50,7 @@ struct ManifestFile
     std::uint32_t mode = 0644; ///< permission bits, 0644 or 0755
     Hash hash{};
     std::uint64_t rawOffset = 0;
+    FileRole role = FileRole::Ordinary;
 };
 
 /// A delta pack that makes this version out of an older one (delta.h).
@@ -76,8 +81,9 @@ struct Manifest
 
 /// Reads and validates a manifest, event by event. UPDATER_DATA_ERROR for anything malformed:
 /// wrong types, unknown format version, hostile or colliding paths (pathrules.h), sizes that
-/// overflow, frames that overlap or leave gaps, files outside the frames, an executable that is
-/// not listed gives APP_DEFINITION_ERROR, a version other than `expectedVersion`.
+/// overflow, frames that overlap or leave gaps, files outside the frames, a version other than
+/// `expectedVersion`. APP_DEFINITION_ERROR for an executable that is not listed or is a settings
+/// file.
 Expected<Manifest> readManifest(std::string_view text, std::string_view expectedVersion);
 
 /// The manifest's text; equal manifests give equal bytes.

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <array>
+#include <bitset>
 #include <limits>
 #include <set>
 
@@ -44,6 +45,7 @@ enum class Field {
     FileMode,
     FileHash,
     FileRawOffset,
+    FileRole,
     Unknown, ///< ignored with everything inside
 };
 
@@ -58,7 +60,7 @@ struct Rule
     bool optional = false;
 };
 
-constexpr std::array<Rule, 28> rules{{
+constexpr std::array<Rule, 29> rules{{
     {Field::Document, "format", Field::Format, Type::Number},
     {Field::Document, "version", Field::Version, Type::Text},
     {Field::Document, "executables", Field::Executables, Type::Object},
@@ -87,7 +89,11 @@ constexpr std::array<Rule, 28> rules{{
     {Field::File, "mode", Field::FileMode, Type::Text},
     {Field::File, "hash", Field::FileHash, Type::Text},
     {Field::File, "rawOffset", Field::FileRawOffset, Type::Number},
+    {Field::File, "role", Field::FileRole, Type::Text, true},
 }};
+
+/// A set of rules, by their places in the table.
+using RuleSet = std::bitset<rules.size()>;
 
 constexpr Rule documentRule{Field::Unknown, "", Field::Document, Type::Object};
 
@@ -100,18 +106,18 @@ const Rule* findRule(Field parent, std::string_view name)
     return nullptr;
 }
 
-std::uint32_t bitOf(const Rule* rule)
+std::size_t placeOf(const Rule* rule)
 {
-    return std::uint32_t{1} << static_cast<unsigned>(rule - rules.data());
+    return static_cast<std::size_t>(rule - rules.data());
 }
 
-/// The member that an object of this kind must have and has not, or null. `seen`: bits of those
-/// that it has.
-const Rule* missingMember(Field parent, std::uint32_t seen)
+/// The member that an object of this kind must have and has not, or null. `seen`: the rules of
+/// those that it has.
+const Rule* missingMember(Field parent, const RuleSet& seen)
 {
     for (const Rule& rule : rules) {
         if (rule.parent == parent && !rule.name.empty() && !rule.optional &&
-            (seen & bitOf(&rule)) == 0)
+            !seen.test(placeOf(&rule)))
             return &rule;
     }
     return nullptr;
@@ -162,9 +168,9 @@ public:
         if (scope.field == Field::Unknown)
             return true;
         if (m_next != nullptr && !m_next->name.empty()) {
-            if ((scope.seen & bitOf(m_next)) != 0)
+            if (scope.seen.test(placeOf(m_next)))
                 return fail("is there twice");
-            scope.seen |= bitOf(m_next);
+            scope.seen.set(placeOf(m_next));
         } else if (!scope.otherNames.insert(std::move(name)).second) {
             return fail("is there twice");
         }
@@ -193,7 +199,7 @@ private:
     struct Scope
     {
         Field field;
-        std::uint32_t seen = 0;           ///< bits of the members that rules name
+        RuleSet seen;                     ///< of the members that rules name
         std::set<std::string> otherNames; ///< names of the others
     };
 
@@ -221,7 +227,7 @@ private:
             m_manifest.deltas.emplace_back();
         if (field == Field::File)
             m_manifest.files.emplace_back();
-        m_scopes.push_back(Scope{.field = field, .seen = 0, .otherNames = {}});
+        m_scopes.push_back(Scope{.field = field, .seen = {}, .otherNames = {}});
         expectElement();
         return true;
     }
@@ -320,6 +326,11 @@ private:
             if (value != "0644" && value != "0755")
                 return fail("is neither 0644 nor 0755");
             m_manifest.files.back().mode = value == "0755" ? 0755 : 0644;
+            return true;
+        case Field::FileRole:
+            if (value != "settings")
+                return fail("is not \"settings\"");
+            m_manifest.files.back().role = FileRole::Settings;
             return true;
         default:
             return wrongType();
