@@ -1,5 +1,6 @@
 #include "tests/vl/install/installfixture.h"
 #include "tools/vl-publish/glob.h"
+#include "tools/vl-publish/repository.h"
 #include "vl/src/formats/manifest.h"
 #include "vl/src/platform/file.h"
 
@@ -40,6 +41,8 @@ private Q_SLOTS:
     void damageIsFound_data();
     void damageIsFound();
     void interruptedChangesAreCleared();
+    void secondChangeIsRefused();
+    void garbageAgesFromItsRemoval();
     void globsMatch();
 
 private:
@@ -72,11 +75,12 @@ Outcome PublisherTest::run(const QString& commandLine) const
 
 void PublisherTest::initTestCase()
 {
-    const Files release{{"bin/sim", "#!/bin/sh\n"},
-                        {"empty.dat", ""},
-                        {"данные/карта мира.txt", "Карта\n"},
-                        {std::string(90, 'l') + "/" + std::string(200, 'n'), "long"}};
-    for (const char* folder : {"rel", "big", "linked", "hostile"})
+    const Files release{
+        {"bin/sim", "#!/bin/sh\n"},
+        {"empty.dat", ""},
+        {"данные/карта мира.txt", "Карта\n"},
+        {std::string(90, 'l') + "/" + std::string(200, 'n'), someBytes(100'000, 2)}};
+    for (const char* folder : {"rel", "next", "big", "linked", "hostile"})
         for (const auto& [path, contents] : release)
             writeFile(m_top / folder / vl::fromUtf8(path), contents);
     writeFile(m_top / "big/large.bin", someBytes(2 * vl::frameRawSize + 12345, 1));
@@ -84,6 +88,7 @@ void PublisherTest::initTestCase()
 #ifndef Q_OS_WIN
     fs::create_symlink("sim", m_top / "linked/bin/link");
 #endif
+    writeFile(m_top / vl::fromUtf8("next/данные/карта мира.txt"), "Новая карта\n");
     writeFile(m_top / "hostile/nul", "");
     writeFile(m_top / "good.json", R"({"fixes": ["Исправлено"]})");
     writeFile(m_top / "broken.json", "[1");
@@ -191,6 +196,7 @@ void PublisherTest::badCommandsAreRefused_data()
     row(QStringLiteral("keygen --secret-key s.key --public-key q.pub"), "exists");
     row(QStringLiteral("list rel"), "catalogue.json");
     row(QStringLiteral("verify rel --public-key p.pub"), "faults found: 1");
+    row(QStringLiteral("gc repo --older-than 200000 --secret-key s.key"), "--older-than");
     row(QStringLiteral("remove repo 1.1.0 --secret-key s.key"), "not listed");
 }
 
@@ -256,6 +262,71 @@ void PublisherTest::interruptedChangesAreCleared()
     QCOMPARE(addNext("1.2.0"), 0);
     const Outcome whole = verify("copy");
     QVERIFY2(whole.output.startsWith("no faults: 4 versions"), whole.output.constData());
+}
+
+void PublisherTest::secondChangeIsRefused()
+{
+    Files expected = filesIn(m_copy);
+    const auto key = vl::readSecretKey(*vl::readWholeFile(m_top / "s.key", 4096));
+    {
+        const auto running = vl::publish::RepositoryChange::begin(m_copy, *key, false);
+        QVERIFY(running.has_value());
+        // The pack that the first change is writing must outlive the others' clearing.
+        expected["packs/.new-pack.vl-tmp"] = "half a pack";
+        writeFile(m_copy / "packs/.new-pack.vl-tmp", "half a pack");
+        for (const char* command : {"add copy 1.0.0 rel --exec default_exec=bin/sim",
+                                    "remove copy 0.9.0-RC", "gc copy --older-than 0"}) {
+            const Outcome outcome =
+                run(QLatin1String(command) + QStringLiteral(" --secret-key s.key"));
+            QCOMPARE(outcome.exitCode, 1);
+            QVERIFY2(outcome.errors.contains("another process is using"),
+                     outcome.errors.constData());
+        }
+    }
+    QVERIFY(filesIn(m_copy) == expected);
+}
+
+void PublisherTest::garbageAgesFromItsRemoval()
+{
+    const auto collect = [this] {
+        return run(QStringLiteral("gc copy --older-than 30 --secret-key s.key")).output;
+    };
+    const auto makeOld = [this] {
+        for (const auto& entry : fs::recursive_directory_iterator(m_copy))
+            if (entry.is_regular_file())
+                fs::last_write_time(entry,
+                                    fs::file_time_type::clock::now() - std::chrono::days(31));
+    };
+    writeFile(m_copy / "packs/index.html", "not ours");
+    Files garbage = filesIn(m_copy);
+    std::erase_if(garbage, [](const auto& file) { return !file.first.starts_with("manifests/"); });
+    const Files before = filesIn(m_copy);
+    QCOMPARE(add("repo 1.1.0 rel", QStringLiteral("copy 1.0.0 next")).exitCode, 0);
+    for (const auto& file : filesIn(m_copy))
+        if (!before.contains(file.first))
+            garbage.insert(file);
+    QCOMPARE(garbage.size(), std::size_t{5}); // two manifests, a pack, a delta and its index
+    // This version shares the first one's pack and has a delta from the one between.
+    QCOMPARE(add("repo 1.1.0", QStringLiteral("copy 1.1.0")).exitCode, 0);
+    makeOld();
+    for (const char* version : {"0.9.0-RC", "1.0.0"})
+        QCOMPARE(
+            run(QStringLiteral("remove copy %1 --secret-key s.key").arg(QLatin1String(version)))
+                .exitCode,
+            0);
+    Files expected = filesIn(m_copy);
+    QCOMPARE(collect(), "removed: 0 B\n");
+    QVERIFY(filesIn(m_copy) == expected);
+
+    makeOld();
+    std::size_t size = 0;
+    for (const auto& [path, contents] : garbage) {
+        size += contents.size();
+        expected.erase(path);
+    }
+    QCOMPARE(collect(), "removed: " + QByteArray::number(double(size) / 1024, 'f', 1) + " KiB\n");
+    QVERIFY(filesIn(m_copy) == expected);
+    QCOMPARE(verify("copy").exitCode, 0);
 }
 
 void PublisherTest::globsMatch()

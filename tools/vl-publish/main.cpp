@@ -240,7 +240,7 @@ int run(std::vector<std::string> commandLine)
     CLI::App* gc = subcommand("gc", "Remove what no listed version needs any longer", runGc);
     repository(gc);
     gc->add_option("--older-than", arguments.olderThan, "days that it has not been needed")
-        ->check(CLI::NonNegativeNumber)
+        ->check(CLI::Range(0, 36500)) // file times count nanoseconds and overflow after 292 years
         ->required();
     secretKey(gc);
 

@@ -4,6 +4,7 @@
 #include "tools/vl-publish/packer.h"
 #include "tools/vl-publish/releasefolder.h"
 #include "tools/vl-publish/repository.h"
+#include "vl/src/formats/delta.h"
 #include "vl/src/formats/pathrules.h"
 #include "vl/src/platform/file.h"
 
@@ -76,6 +77,15 @@ Expected<void> checkNotListed(const Catalogue& catalogue, const std::string& ver
                            key + " in nothing but case or Unicode form");
     }
     return {};
+}
+
+/// True for a path that vl-publish gives to files of a repository, which are named by their hash.
+bool isPublishedFile(const std::string& path)
+{
+    const std::size_t begin = path.find('/') + 1;
+    const auto hash = hashFromHex(std::string_view(path).substr(begin, path.find('.') - begin));
+    return hash && (path == manifestPath(*hash) || path == packPath(*hash) ||
+                    path == deltaPath(*hash) || path == deltaIndexPath(*hash));
 }
 
 /// Writes the pack under a temporary name and then under that of its hash.
@@ -228,7 +238,8 @@ Expected<std::uint64_t> collectGarbage(const fs::path& repository, std::chrono::
         for (const TreeEntry& entry : *entries) {
             const std::string name = folder + "/" + entry.path;
             const bool old = fs::file_time_type::clock::now() - entry.info.modified >= age;
-            if (entry.info.kind != FileKind::File || !old || needed->contains(name))
+            if (entry.info.kind != FileKind::File || !old || needed->contains(name) ||
+                !isPublishedFile(name))
                 continue;
             if (auto removed = removeFile(repository / fromUtf8(name)); !removed)
                 return tl::unexpected(std::move(removed).error());

@@ -63,7 +63,7 @@ Expected<void> removeVersion(const std::filesystem::path& repository, const std:
                              const SecretKey& secretKey);
 
 /// Removes packs, manifests and deltas that no listed version has needed for `age`: clients that
-/// still download them would be left without. Returns the bytes freed.
+/// still download them would be left without. Files of other names stay. Returns the bytes freed.
 Expected<std::uint64_t> collectGarbage(const std::filesystem::path& repository,
                                        std::chrono::hours age, const SecretKey& secretKey);
 
