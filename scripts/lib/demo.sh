@@ -43,7 +43,8 @@ publish() {
         --simulator "$build/bin/sample-simulator$suffix"
     complete_release "$demo/staging/$version"
     program vl-publish add "$releases" "$version" "$demo/staging/$version" \
-        --exec "default_exec=bin/sample-simulator$suffix" --secret-key "$secret_key" --date "$date" \
+        --exec "default_exec=bin/sample-simulator$suffix" --settings settings.ini \
+        --secret-key "$secret_key" --date "$date" \
         --changelog "$project/tools/sample-simulator/changelogs/$version.json" \
         ${name:+--name "$name"}
     rm -rf "$demo/staging"

@@ -82,10 +82,10 @@ void Horizon::moveStick(int key, double amount)
         flight.stickRoll = amount;
         break;
     case Qt::Key_Up:
-        flight.stickPitch = -amount;
+        flight.stickPitch = upPitch * amount;
         break;
     case Qt::Key_Down:
-        flight.stickPitch = amount;
+        flight.stickPitch = -upPitch * amount;
         break;
     default:
         break;

@@ -16,6 +16,9 @@ public:
     /// `captionText` (name and version) and `statusText` are shown at the foot.
     Horizon(const QString& captionText, const QString& statusText);
 
+    /// Inverted, the up arrow raises the nose.
+    void setPitchInverted(bool inverted) { upPitch = inverted ? 1 : -1; }
+
 protected:
     void paintEvent(QPaintEvent* event) override;
     void keyPressEvent(QKeyEvent* event) override;
@@ -32,6 +35,7 @@ private:
     QString caption;
     QString status;
     Flight flight;
+    double upPitch = -1; ///< stick position of the up arrow
     QElapsedTimer clock;
     QTimer frames;
 };

@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
+#include <QSettings>
 
 namespace {
 
@@ -34,6 +35,15 @@ QString dataSummary()
         .arg(bytes / 1048576);
 }
 
+/// The settings file that the release carries; the simulator only reads it.
+void applySettings(Horizon& horizon)
+{
+    const QSettings settings(QStringLiteral("settings.ini"), QSettings::IniFormat);
+    horizon.resize(settings.value(QStringLiteral("window/width"), horizon.width()).toInt(),
+                   settings.value(QStringLiteral("window/height"), horizon.height()).toInt());
+    horizon.setPitchInverted(settings.value(QStringLiteral("stick/invertPitch")).toBool());
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -42,6 +52,7 @@ int main(int argc, char* argv[])
     const QString caption = QStringLiteral("Учебный симулятор ") + releaseVersion();
     Horizon horizon(caption, dataSummary());
     horizon.setWindowTitle(caption);
+    applySettings(horizon);
     horizon.show();
     return QApplication::exec();
 }

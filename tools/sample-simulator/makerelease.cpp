@@ -12,6 +12,15 @@ namespace fs = std::filesystem;
 
 namespace {
 
+const char* const defaultSettings = R"(; Настройки учебного симулятора
+[window]
+width=880
+height=560
+
+[stick]
+invertPitch=false
+)";
+
 fs::path utf8Path(const std::string& text)
 {
     return {std::u8string(text.begin(), text.end())};
@@ -45,6 +54,7 @@ int main(int argc, char* argv[])
         const fs::path program = utf8Path(simulator);
         fs::copy_file(program, root / "bin" / program.filename());
         std::ofstream(root / "version.txt", std::ios::binary) << version << '\n';
+        std::ofstream(root / "settings.ini", std::ios::binary) << defaultSettings;
         writeReleaseData(root, revision);
     } catch (const std::exception& error) {
         std::cerr << "make-sample-release: " << folder << ": " << error.what() << '\n';
