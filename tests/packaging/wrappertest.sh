@@ -20,14 +20,15 @@ echo old >licences/old.txt
 runs "$copy" "a first start makes the copy"
 [ "$(cat "$copy/licences/old.txt")" = old ] || fail "folders are copied"
 
-echo '{}' >"$copy/installed.json"
+mkdir "$copy/simulator"
+echo flight >"$copy/simulator/recording"
 rm licences/old.txt
 echo new >licences/new.txt
 echo second >vl.json
 runs "$copy" "an update starts"
 [ "$(cat "$copy/licences/new.txt")" = new ] || fail "new files come"
 [ ! -e "$copy/licences/old.txt" ] || fail "files that the package no longer has go"
-[ -f "$copy/installed.json" ] || fail "what the launcher made stays"
+[ -f "$copy/simulator/recording" ] || fail "what the launcher and the user made stays"
 [ "$(cat "$copy/vl.json")" = second ] || fail "vl.json follows the package"
 
 echo mine >"$copy/vl.json"

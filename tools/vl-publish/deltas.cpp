@@ -2,13 +2,16 @@
 
 #include "tools/vl-publish/deltawriter.h"
 #include "tools/vl-publish/repository.h"
-#include "vl/src/install/deltaunpacker.h"
-#include "vl/src/install/treewriter.h"
-#include "vl/src/install/unpacker.h"
+#include "vl/src/install/filesources.h"
+#include "vl/src/install/framebuilder.h"
 #include "vl/src/platform/file.h"
+#include "vl/src/platform/folder.h"
+#include "vl/src/transport/foldersource.h"
 #include "vlupd/vlupd.h"
 
 #include <algorithm>
+#include <atomic>
+#include <memory>
 #include <numeric>
 #include <set>
 
@@ -33,23 +36,84 @@ private:
     const fs::path m_path;
 };
 
+/// Builds files of a version into a folder, flat by their numbers, from a row of frames of the
+/// repository. Returns how many of `files` (none empty) do not come out.
+struct BuildRequest
+{
+    const fs::path& repository;
+    FrameFile row;
+    const Manifest& target;
+    const BuildPlan& plan;
+    const DeltaIndex* delta = nullptr;
+    OpenBaseFile base{};
+};
+
+Expected<std::size_t> build(const BuildRequest& request, const Folder& folder)
+{
+    Log log;
+    Operation operation(log);
+    FileFinisher finisher;
+    std::atomic<std::uint64_t> written{0};
+    FrameBuilder builder(request.target, request.row.frames, request.plan, folder, finisher,
+                         written);
+    if (request.delta != nullptr)
+        builder.useBase(*request.delta, request.base);
+    const OpenSource openSource = [&](std::size_t) -> Expected<std::unique_ptr<Source>> {
+        return std::make_unique<FolderSource>(request.repository, 0);
+    };
+    auto done = downloadFrames(openSource, request.row, request.plan.chains, operation,
+                               [&builder](std::size_t transfer, std::size_t frame, auto bytes) {
+                                   return builder.take(transfer, frame, bytes);
+                               });
+    builder.close();
+    if (done)
+        done = finisher.wait(operation);
+    return done ? Expected<std::size_t>(builder.failed().size())
+                : tl::unexpected(std::move(done).error());
+}
+
+Expected<Folder> makeFolderAt(const fs::path& path)
+{
+    auto made = makeDirectories(path);
+    return made ? Folder::open(path) : Expected<Folder>(tl::unexpected(std::move(made).error()));
+}
+
 /// The files of a published version, out of its full pack.
 Expected<void> unpackVersion(const fs::path& repository, const Manifest& manifest,
-                             const fs::path& folder, Operation& operation)
+                             const fs::path& path)
 {
-    if (auto prepared = prepareTree(manifest, folder); !prepared)
-        return prepared;
-    std::vector<std::size_t> files;
-    for (std::size_t i = 0; i < manifest.files.size(); ++i)
-        if (manifest.files[i].size > 0)
-            files.push_back(i);
-    const fs::path pack = repository / fromUtf8(packPath(manifest.pack.hash));
-    Unpacker unpacker(manifest, files, pack, folder);
-    unpacker.start();
-    for (const std::size_t frame : unpacker.frames())
-        if (auto ready = unpacker.frameReady(frame); !ready)
-            return ready;
-    return unpacker.finish(operation, {});
+    const auto folder = makeFolderAt(path);
+    if (!folder)
+        return tl::unexpected(folder.error());
+    // Files of the same contents may have the same place in the pack.
+    std::vector<FileNumber> all(manifest.files.size());
+    std::iota(all.begin(), all.end(), FileNumber{0});
+    const FileSources sources = findSources(manifest, all, nullptr, {}, {});
+    const BuildPlan plan = planFromPack(manifest, sources.missing, {});
+    const Pack& pack = manifest.pack;
+    const auto failed = build({.repository = repository,
+                               .row = {packPath(pack.hash), pack.size, pack.frames},
+                               .target = manifest,
+                               .plan = plan},
+                              *folder);
+    if (!failed)
+        return tl::unexpected(failed.error());
+    if (*failed > 0)
+        return failure(vlupd::BROKEN_OR_MISSING, std::to_string(*failed) +
+                                                     " files differ from the manifest after "
+                                                     "unpacking");
+    for (const FileNumber number : sources.empty)
+        if (auto made = folder->openFile(std::to_string(number), File::Mode::Create); !made)
+            return tl::unexpected(std::move(made).error());
+    std::error_code error;
+    for (const FileCopy& twin : sources.twins) {
+        fs::copy_file(path / std::to_string(twin.source), path / std::to_string(twin.target),
+                      error);
+        if (error)
+            return failure(vlupd::SYSTEM_CALL_ERROR,
+                           "cannot copy a file in " + toUtf8(path) + ": " + error.message());
+    }
+    return {};
 }
 
 Expected<Manifest> listedManifest(const fs::path& repository, const Catalogue& catalogue,
@@ -104,8 +168,6 @@ Expected<void> tryDelta(const fs::path& repository, const DeltaReference& delta,
     const auto index = loadIndex(repository, delta, base, target);
     if (!index)
         return tl::unexpected(index.error());
-    Log log;
-    Operation operation(log);
     // A repository is verified without being written to.
     std::error_code error;
     const fs::path room = fs::temp_directory_path(error);
@@ -113,29 +175,33 @@ Expected<void> tryDelta(const fs::path& repository, const DeltaReference& delta,
         return failure(vlupd::SYSTEM_CALL_ERROR, "no folder for temporary files: TMPDIR");
     const TemporaryFolder older(temporaryFolder(room, "older"));
     const TemporaryFolder newer(temporaryFolder(room, "newer"));
-    if (auto unpacked = unpackVersion(repository, base, older.path(), operation); !unpacked)
+    if (auto unpacked = unpackVersion(repository, base, older.path()); !unpacked)
         return unpacked;
-    if (auto prepared = prepareTree(target, newer.path()); !prepared)
-        return prepared;
-    std::set<std::size_t> files;
+    const auto folder = makeFolderAt(newer.path());
+    if (!folder)
+        return tl::unexpected(folder.error());
+    std::set<FileNumber> files;
     for (const DeltaFrame& frame : index->parts)
         for (const FilePart& part : frame.target)
             files.insert(part.file);
-    const FilePlace place = [&](std::size_t file) {
-        return older.path() / fromUtf8(base.files[file].path);
-    };
-    const fs::path pack = repository / fromUtf8(deltaPath(delta.hash));
-    DeltaUnpacker unpacker(*index, target, {files.begin(), files.end()}, place, pack, newer.path());
-    unpacker.start();
-    for (const std::size_t frame : unpacker.frames())
-        if (auto ready = unpacker.frameReady(frame); !ready)
-            return ready;
-    if (auto finished = unpacker.finish(operation); !finished)
-        return finished;
-    if (unpacker.made().size() != files.size())
+    const BuildPlan plan =
+        planFromDelta(*index, std::vector<FileNumber>(files.begin(), files.end()), {});
+    const auto failed =
+        build({.repository = repository,
+               .row = {deltaPath(delta.hash), delta.size, index->frames},
+               .target = target,
+               .plan = plan,
+               .delta = &*index,
+               .base =
+                   [&older](FileNumber number) {
+                       return File::open(older.path() / std::to_string(number), File::Mode::Read);
+                   }},
+              *folder);
+    if (!failed)
+        return tl::unexpected(failed.error());
+    if (*failed > 0)
         return failure(vlupd::BROKEN_OR_MISSING,
-                       std::to_string(files.size() - unpacker.made().size()) +
-                           " files do not come out");
+                       std::to_string(*failed) + " files do not come out");
     return {};
 }
 
@@ -167,13 +233,11 @@ Expected<std::vector<DeltaReference>> writeDeltas(const fs::path& repository,
         const auto base = listedManifest(repository, catalogue, version);
         if (!base)
             return tl::unexpected(base.error());
-        Log log;
-        Operation operation(log);
         const TemporaryFolder older(temporaryFolder(repository, "older"));
-        if (auto unpacked = unpackVersion(repository, *base, older.path(), operation); !unpacked)
+        if (auto unpacked = unpackVersion(repository, *base, older.path()); !unpacked)
             return failure("version " + version, std::move(unpacked).error());
         auto delta = writeDelta({.repository = repository,
-                                 .base = {*base, older.path()},
+                                 .base = {*base, older.path(), true},
                                  .baseManifest = catalogue.manifests.at(version).hash,
                                  .target = {target, folder},
                                  .level = level},

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <deque>
 #include <future>
+#include <numeric>
 #include <thread>
 #include <utility>
 
@@ -25,15 +26,15 @@ constexpr std::uint64_t margin = 1U << 20U;
 Expected<void> readPart(const VersionFolder& version, const FilePart& part,
                         std::span<std::byte> bytes)
 {
-    const fs::path path = version.folder / fromUtf8(version.manifest.files[part.file].path);
-    const auto file = File::open(path, File::Mode::Read);
+    const auto file = File::open(version.file(part.file), File::Mode::Read);
     if (!file)
         return tl::unexpected(file.error());
     const auto got = file->readAt(part.offset, bytes);
     if (!got)
         return tl::unexpected(got.error());
     if (*got != bytes.size())
-        return failure(vlupd::SYSTEM_CALL_ERROR, toUtf8(path) + " changed while it was read");
+        return failure(vlupd::SYSTEM_CALL_ERROR,
+                       toUtf8(version.file(part.file)) + " changed while it was read");
     return {};
 }
 
@@ -67,8 +68,7 @@ public:
         const std::uint64_t total = manifest.installedSize();
         std::uint64_t done = 0;
         for (std::size_t i = 0; i < manifest.files.size(); ++i) {
-            const fs::path path = m_request.base.folder / fromUtf8(manifest.files[i].path);
-            if (auto added = m_anchors.add(i, path); !added)
+            if (auto added = m_anchors.add(i, m_request.base.file(i)); !added)
                 return added;
             done += manifest.files[i].size;
             progress.update("looking for what stayed", done, total);
@@ -247,12 +247,19 @@ Expected<void> addFrames(const DeltaRequest& request, const std::vector<std::siz
 
 } // namespace
 
+fs::path VersionFolder::file(std::size_t number) const
+{
+    return folder /
+           (isNumbered ? fs::path(std::to_string(number)) : fromUtf8(manifest.files[number].path));
+}
+
 Expected<std::optional<DeltaReference>> writeDelta(const DeltaRequest& request, Progress& progress)
 {
-    const auto files =
-        findSources(request.target.manifest, &request.base.manifest, [](std::size_t) {
-            return true;
-        }).missing;
+    std::vector<FileNumber> all(request.target.manifest.files.size());
+    std::iota(all.begin(), all.end(), FileNumber{0});
+    const auto files = findSources(request.target.manifest, all, &request.base.manifest,
+                                   [](FileNumber) { return true; }, {})
+                           .missing;
     if (files.empty())
         return std::nullopt;
     BaseChooser chooser(request);

@@ -10,11 +10,14 @@
 
 namespace vl::publish {
 
-/// A version and the folder in which its files lie.
+/// A version and the folder in which its files lie: by their paths, or flat by their numbers.
 struct VersionFolder
 {
     const Manifest& manifest;
     std::filesystem::path folder;
+    bool isNumbered = false;
+
+    std::filesystem::path file(std::size_t number) const;
 };
 
 struct DeltaRequest

@@ -3,6 +3,7 @@
 #include "tools/vl-publish/publisher.h"
 #include "vl/src/formats/catalogue.h"
 #include "vl/src/formats/manifest.h"
+#include "vl/src/install/tidying.h"
 #include "vl/src/platform/file.h"
 
 #include <QDir>
@@ -27,6 +28,12 @@ template <class T> T need(vl::Expected<T> value)
 std::string textOf(const fs::path& path)
 {
     return need(vl::readWholeFile(path, 1U << 30U));
+}
+
+/// A path without what is added to the names of the user's files that make room.
+QString withoutUser(const std::string& path)
+{
+    return QString::fromStdString(path).remove(QStringLiteral(".user"));
 }
 
 } // namespace
@@ -99,6 +106,10 @@ void Releases::publishFolder(const std::string& version, const fs::path& source,
     request.version = version;
     request.folder = source;
     request.executables = {{"default_exec", "bin/simulator"}};
+    for (const vl::TreeEntry& entry : need(vl::listTree(source)))
+        if (declaresSettings && entry.info.kind == vl::FileKind::File &&
+            entry.path.ends_with(".ini"))
+            request.settings = {"*.ini"};
     request.secretKey = need(vl::readSecretKey(textOf(pathOf(m_directory) / "secret.key")));
     request.date = "2026-01-01";
     request.level = 1;
@@ -130,38 +141,54 @@ Root::Root(const Releases& releases, const std::string& repository, bool inMemor
     writeFile(path() / "vl.json", config.dump());
 }
 
-fs::path Root::tree() const
+bool tidy(const fs::path& root)
 {
-    const auto installed = vlupd::VLUPD(path(), true, nullptr).getInstalledVersions();
-    return vl::fromUtf8(installed.empty() ? "" : installed.begin()->second.installDirectory);
+    // Another object of this process may still be at it, or be stopped by this one.
+    for (int i = 0; i < 500; ++i) {
+        vlupd::VLUPD library(root, false, nullptr);
+        if (library.cleanDownloads(std::chrono::minutes(0)) &&
+            !vl::needsTidying(vl::RootLayout(root)))
+            return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
 }
 
 QString Root::leftovers() const
 {
     QStringList found;
-    const std::string folder = vl::toUtf8(tree().filename());
-    for (const char* place : {".", "versions", "downloads", "manifests", "catalogue"}) {
-        const std::string name = place;
-        for (const auto& entry : need(vl::listDirectory(path() / name))) {
-            const bool known = name == "versions"
-                                   ? entry.path == folder || entry.path == folder + ".json"
-                                   : name != "downloads" && !vl::isTemporaryName(entry.path) &&
-                                         entry.path != "journal.json";
-            if (!known)
-                found << QString::fromStdString(name + "/" + entry.path);
-        }
-    }
-    if (need(vl::listDirectory(path() / "manifests")).size() > 1)
+    if (!tidy(path()))
+        found << QStringLiteral("tidying does not end;");
+    const std::set<std::string> known{"vl.json",   "vl.lock",   "installed.json",
+                                      "catalogue", "manifests", "simulator"};
+    for (const auto& entry : need(vl::listDirectory(path())))
+        if (!known.contains(entry.path))
+            found << QString::fromStdString(entry.path);
+    const auto manifests = need(vl::listDirectory(path() / "manifests"));
+    const auto isWhole = [](const auto& entry) { return !vl::isTemporaryName(entry.path); };
+    if (std::ranges::count_if(manifests, isWhole) > 1)
         found << QStringLiteral("manifests of other versions");
     return found.join(u' ');
 }
 
-std::set<std::string> Root::partFiles() const
+std::map<std::string, std::uint64_t> Root::staged() const
 {
-    std::set<std::string> names;
-    for (const auto& entry : need(vl::listDirectory(path() / "downloads")))
-        names.insert(entry.path);
-    return names;
+    std::map<std::string, std::uint64_t> files;
+    for (const auto& entry : need(vl::listTree(path() / "simulator.vl")))
+        if (entry.path.starts_with("staged-") && entry.info.kind == vl::FileKind::File)
+            files[entry.path] = entry.info.size;
+    return files;
+}
+
+std::unique_ptr<Root> copyOf(const Root& root, const Releases& releases,
+                             const std::string& repository)
+{
+    auto copy = std::make_unique<Root>(releases, repository, true);
+    // MinGW takes whatever exists already for the thing that is copied.
+    for (const auto& entry : fs::directory_iterator(root.path()))
+        if (const fs::path name = entry.path().filename(); name != "vl.json")
+            fs::copy(entry.path(), copy->path() / name, fs::copy_options::recursive);
+    return copy;
 }
 
 std::string LogLines::text() const
@@ -182,7 +209,8 @@ std::streamsize LogLines::xsputn(const char* text, std::streamsize count)
 Installed::Installed(const Releases& releases, const std::string& version)
     : root(releases, {}, true), library(root.path(), false, &log)
 {
-    if (!version.empty() && library.installVersion(version, {}, {}) != vlupd::OK)
+    if (!version.empty() && (library.installVersion(version, {}, {}) != vlupd::OK ||
+                             !library.cleanDownloads(std::chrono::minutes(0))))
         throw std::runtime_error(log.text());
 }
 
@@ -213,9 +241,10 @@ QString Recorder::fault() const
                              [=](const Report& report) { return report.stage == wanted; });
         if (own.size() < 2 || own.back().done != own.back().total || own.front().speed != 0)
             return QStringLiteral("first or last report of stage %1").arg(wanted);
+        // The total of the first stage grows as it is found out what has to be read and fetched.
         for (std::size_t i = 1; i < own.size(); ++i)
             if (own[i].done < own[i - 1].done || own[i].done > own[i].total ||
-                own[i].total != own[0].total ||
+                (wanted > 0 && own[i].total != own[0].total) ||
                 (own[i].done > own[i - 1].done && own[i].speed == 0))
                 return QStringLiteral("report %1 of stage %2").arg(i).arg(wanted);
     }
@@ -223,8 +252,10 @@ QString Recorder::fault() const
 }
 
 QString promiseFault(const Root& root, const Releases& releases,
-                     const std::set<std::string>& allowed)
+                     const std::set<std::string>& allowed, const Files& mine)
 {
+    if (!tidy(root.path()))
+        return QStringLiteral("what was interrupted cannot be ended");
     LogLines log;
     vlupd::VLUPD library(root.path(), false, &log);
     const auto installed = library.getInstalledVersions();
@@ -232,11 +263,25 @@ QString promiseFault(const Root& root, const Releases& releases,
     const QString label = QString::fromStdString("'" + version + "' ");
     if (installed.size() > 1 || !allowed.contains(version))
         return label + QStringLiteral("is not an allowed state");
+    Files expected = version.empty() ? Files() : releases.files(version);
+    Files there = filesIn(root.tree());
+    for (const auto& [path, contents] : mine) {
+        auto place = there.find(path);
+        if (place == there.end() || place->second != contents)
+            place = std::ranges::find_if(there, [&, &name = path, &text = contents](auto& file) {
+                return file.first != name && file.second == text &&
+                       withoutUser(file.first) == withoutUser(name);
+            });
+        if (place == there.end())
+            return label + QStringLiteral("without the user's ") + QString::fromStdString(path);
+        if (expected.contains(place->first))
+            expected.erase(place->first);
+        there.erase(place);
+    }
+    if (there != expected)
+        return label + QStringLiteral("is not whole");
     if (version.empty())
         return {};
-    if (filesIn(vl::fromUtf8(installed.begin()->second.installDirectory)) !=
-        releases.files(version))
-        return label + QStringLiteral("is not whole");
     if (const int result = library.checkFiles(version, std::nullopt); result != vlupd::OK)
         return label + QStringLiteral("is whole, but checkFiles gives %1: ").arg(result) +
                QString::fromStdString(log.text());

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <streambuf>
@@ -50,6 +51,8 @@ public:
     std::pair<std::string, std::uint64_t> pack(const std::string& version) const;
     vl::Manifest manifest(const std::string& version) const;
 
+    bool declaresSettings = true; ///< "*.ini" are published as settings files
+
 private:
     QTemporaryDir m_directory;
     std::string m_publicKey;
@@ -65,15 +68,21 @@ public:
                   bool inMemory = false);
 
     std::filesystem::path path() const { return pathOf(m_directory); }
-    /// The folder of the installed version; empty when there is none.
-    std::filesystem::path tree() const;
-    /// Everything below that an ended operation may leave behind for ever is gone again.
+    /// The folder of the installed version.
+    std::filesystem::path tree() const { return path() / "simulator"; }
+    /// Tidies and returns what no ended operation may leave below the root; empty if nothing.
     QString leftovers() const;
-    std::set<std::string> partFiles() const;
+    /// Names and sizes of the files that an interrupted installation has built.
+    std::map<std::string, std::uint64_t> staged() const;
 
 private:
     QTemporaryDir m_directory;
 };
+
+/// A new root in memory with what lies in another one; file times are not copied. `repository`: as
+/// Root's.
+std::unique_ptr<Root> copyOf(const Root& root, const Releases& releases,
+                             const std::string& repository = {});
 
 /// Takes log lines as the launcher's buffer does: text up to the NUL, one line per write.
 class LogLines final : public std::streambuf
@@ -88,7 +97,8 @@ protected:
     std::streamsize xsputn(const char* text, std::streamsize count) override;
 };
 
-/// A root with an open library whose log is kept; `version`, unless empty, is installed.
+/// A root with an open library whose log is kept; `version`, unless empty, is installed, and
+/// nothing goes on in the background.
 struct Installed
 {
     explicit Installed(const Releases& releases, const std::string& version = "1.0.0");
@@ -120,7 +130,12 @@ struct Recorder
     QString fault() const;
 };
 
-/// What breaks the promise that afterwards one of `allowed` is installed and whole ("": none may
-/// be installed), and that checkFiles tells the truth; empty when it is kept.
+/// Ends what was interrupted, as a program's start does, and waits for its end.
+bool tidy(const std::filesystem::path& root);
+
+/// What breaks the promise that one of `allowed` is installed and whole ("": none may be installed)
+/// once a next operation has begun, that the user's files are all there (`mine`, without those that
+/// had to make room: these in the same place as NAME.user), and that checkFiles tells the truth;
+/// empty when it is kept.
 QString promiseFault(const Root& root, const Releases& releases,
-                     const std::set<std::string>& allowed);
+                     const std::set<std::string>& allowed, const Files& mine = {});

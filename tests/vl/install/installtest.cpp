@@ -1,11 +1,10 @@
 #include "tests/vl/install/installfixture.h"
 #include "vl/src/platform/file.h"
 
-#include <QFile>
-#include <QProcess>
 #include <QTest>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
@@ -14,11 +13,12 @@
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using vl::FileOperation;
 using vlupd::VLUPD;
 
 namespace {
 
-/// What happens to a root or a version's folder.
+/// What happens to a version's folder.
 using Change = std::function<void(const fs::path&)>;
 /// What checkFiles answers and logs after a change, below a subfolder.
 using Damage = std::tuple<int, const char*, Change, const char*>;
@@ -48,16 +48,17 @@ private Q_SLOTS:
     void initTestCase();
     void cleanup() { vl::setFileFault({}); }
     void installs();
-    void userFilesMoveAlong();
-    void runningVersionKeepsItsUserFiles();
+    void userFilesStay();
+    void linkedFolderIsLeftAlone();
     void callbacksThatEndIt_data();
     void callbacksThatEndIt();
     void damageIsFound_data();
     void damageIsFound();
-    void lostRecords_data();
-    void lostRecords();
     void readingNeedsNoWriting();
-    void downloadsAreCleaned();
+    void stagedFilesAreCleaned();
+    void logIsNotFlooded();
+    void oldFilesAreDeletedLater_data();
+    void oldFilesAreDeletedLater();
 
 private:
     std::unique_ptr<Releases> m_releases;
@@ -65,7 +66,7 @@ private:
 
 void InstallTest::initTestCase()
 {
-    m_releases = std::make_unique<Releases>();
+    m_releases = std::make_unique<Releases>(true);
     m_releases->publish("1.0.0", oldFiles);
     m_releases->publish("1.10.0", newFiles);
 }
@@ -78,85 +79,97 @@ void InstallTest::installs()
     QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::NOT_FOUND);
     QCOMPARE(it.library.getAvailableVersions().size(), 2U);
 
-    for (const std::string version : {"1.0.0", "1.10.0", "1.0.0"}) {
+    // The first, a higher one, a lower one, the same again whole and damaged.
+    using Step = std::pair<std::string, bool>;
+    for (const auto& [version, damaged] :
+         {Step("1.0.0", false), Step("1.10.0", false), Step("1.0.0", false), Step("1.0.0", false),
+          Step("1.0.0", true)}) {
+        if (damaged)
+            writeFile(it.root.tree() / "shared.txt", "edited");
         Recorder recorder;
         QCOMPARE(it.library.installVersion(version, recorder.progress(), recorder.stage()),
                  vlupd::OK);
         QCOMPARE(recorder.fault(), QString());
+        QVERIFY(it.library.cleanDownloads(0min));
         QCOMPARE(promiseFault(it.root, *m_releases, {version}), QString());
         QCOMPARE(it.root.leftovers(), QString());
         const auto program = it.library.getAppExecutablePath(version, "default_exec");
         QVERIFY(program && program->is_absolute() && *program == it.root.tree() / "bin/simulator");
+        QCOMPARE(fs::path(it.library.getInstalledVersions().at(version).installDirectory),
+                 it.root.tree());
 #ifndef Q_OS_WIN
         QCOMPARE(fs::status(*program).permissions() & fs::perms::owner_exec, fs::perms::owner_exec);
 #endif
         QVERIFY(!it.library.getAppExecutablePath(version, "other_exec"));
         QVERIFY(!it.library.getAppExecutablePath("1.5.0", "default_exec"));
     }
-    Recorder recorder;
-    QCOMPARE(it.library.installVersion("1.0.0", recorder.progress(), recorder.stage()),
-             vlupd::FOUND_LOCALLY);
-    QVERIFY(recorder.reports.empty());
+    QVERIFY(it.log.contains("nothing has to be changed"));
+    QVERIFY(it.log.contains("replaced, although somebody has changed it: shared.txt"));
     QCOMPARE(it.library.installVersion("7.0.0", {}, {}), vlupd::NOT_FOUND);
     QVERIFY(it.log.contains("installVersion 7.0.0: the catalogue lists no such version"));
-    fs::remove_all(it.root.tree());
+    QCOMPARE(it.library.removeVersion("1.10.0"), vlupd::NOT_FOUND);
     QCOMPARE(it.library.removeVersion("1.0.0"), vlupd::OK);
+    QVERIFY(it.library.cleanDownloads(0min));
+    QVERIFY(!fs::exists(it.root.tree()));
     QCOMPARE(it.root.leftovers(), QString());
     VLUPD nowhere(it.root.path() / "missing", false, &it.log);
     QCOMPARE(nowhere.installVersion("1.0.0", {}, {}), vlupd::SYSTEM_CALL_ERROR);
     QVERIFY(it.log.threads == std::set{std::this_thread::get_id()});
 }
 
-void InstallTest::userFilesMoveAlong()
+void InstallTest::userFilesStay()
 {
     Installed it(*m_releases);
-    const fs::path old = it.root.tree();
-    writeFile(old / u8"полёты/мой.txt", "mine");
-    writeFile(old / "notes.txt", "my notes");
-    writeFile(old / "bin/simulator", "damaged, but not the user's");
-    fs::create_directories(old / "empty folder");
+    const fs::path tree = it.root.tree();
+    writeFile(tree / u8"полёты/мой.txt", "mine");
+    writeFile(tree / u8"данные/моя.txt", "mine beside a file that goes");
+    writeFile(tree / "notes.txt", "my notes");
+    writeFile(tree / "bin/simulator", "damaged, but not the user's");
 
     QCOMPARE(it.library.installVersion("1.10.0", {}, {}), vlupd::OK);
     Files expected = newFiles;
     expected["полёты/мой.txt"] = "mine";
+    expected["данные/моя.txt"] = "mine beside a file that goes";
     expected["notes.txt.user"] = "my notes";
-    QVERIFY(filesIn(it.root.tree()) == expected);
+    QVERIFY(filesIn(tree) == expected);
     QCOMPARE(it.library.checkFiles("1.10.0", std::nullopt), vlupd::OK);
-    QVERIFY(!fs::exists(old));
 
     // On the way back a user's file meets a name that is a file there and a folder here.
-    writeFile(it.root.tree() / "replaced/mine.txt", "mine too");
+    writeFile(tree / "replaced/mine.txt", "mine too");
     QCOMPARE(it.library.installVersion("1.0.0", {}, {}), vlupd::OK);
-    const Files kept = filesIn(it.root.tree());
-    QCOMPARE(kept.at("replaced.user/mine.txt"), std::string("mine too"));
-    QCOMPARE(kept.at("replaced"), oldFiles.at("replaced"));
-    QCOMPARE(kept.at("notes.txt.user"), std::string("my notes"));
+    expected = oldFiles;
+    expected["полёты/мой.txt"] = "mine";
+    expected["данные/моя.txt"] = "mine beside a file that goes";
+    expected["notes.txt.user"] = "my notes";
+    expected["replaced.user/mine.txt"] = "mine too";
+    QVERIFY(it.library.cleanDownloads(0min));
+    QVERIFY(filesIn(tree) == expected);
     QCOMPARE(it.root.leftovers(), QString());
 }
 
-void InstallTest::runningVersionKeepsItsUserFiles()
+// A folder of the version that leads elsewhere is not the version's any more.
+void InstallTest::linkedFolderIsLeftAlone()
 {
 #ifdef Q_OS_WIN
-    QSKIP("there, the test of files that are held covers it");
+    QSKIP("there, a right of its own is needed to make a link");
 #else
-    QFile sleep(QStringLiteral("/bin/sleep"));
-    QVERIFY(sleep.open(QIODevice::ReadOnly));
-    Releases releases;
-    releases.publish("1.0.0", {{"bin/simulator", sleep.readAll().toStdString()}});
-    releases.publish("2.0.0", newFiles);
-    Installed it(releases);
-    const fs::path old = it.root.tree();
-    writeFile(old / "mine.txt", "written anew at its end");
-    QProcess simulator;
-    simulator.start(QString::fromStdString(old / "bin/simulator"), {QStringLiteral("60")});
-    QVERIFY(simulator.waitForStarted());
-    QCOMPARE(it.library.installVersion("2.0.0", {}, {}), vlupd::OK);
-    QVERIFY(fs::exists(old / "mine.txt"));
-    simulator.kill();
-    QVERIFY(simulator.waitForFinished());
-    QVERIFY(it.library.cleanDownloads(0min));
-    QVERIFY(fs::exists(it.root.tree() / "mine.txt"));
-    QCOMPARE(it.root.leftovers(), QString());
+    for (const std::string next : {"1.0.0", "1.10.0"}) {
+        const QTemporaryDir elsewhere;
+        Installed it(*m_releases);
+        const fs::path place = it.root.tree() / u8"данные";
+        fs::copy(place, pathOf(elsewhere) / "copy");
+        fs::remove_all(place);
+        fs::create_directory_symlink(pathOf(elsewhere) / "copy", place);
+        QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::INSTALLED_FILES_BROKEN);
+        QCOMPARE(it.library.installVersion(next, {}, {}), vlupd::OK);
+        QVERIFY(it.library.cleanDownloads(0min));
+        // It makes room only where the version brings the folder again.
+        const std::string link = next == "1.0.0" ? "данные.user" : "данные";
+        QCOMPARE(promiseFault(it.root, *m_releases, {next}, {{link, "not a regular file"}}),
+                 QString());
+        QVERIFY(filesIn(pathOf(elsewhere)) == (Files{{"copy/карта.txt", "карта"}}));
+        QCOMPARE(it.root.leftovers(), QString());
+    }
 #endif
 }
 
@@ -178,6 +191,7 @@ void InstallTest::callbacksThatEndIt()
     recorder.goOn = [&](const Recorder::Report& report) {
         // Meanwhile others are refused at once, and reading goes on.
         if (it.library.removeVersion("1.0.0") != vlupd::SYSTEM_CALL_ERROR ||
+            it.library.checkFiles("1.0.0", std::nullopt) != vlupd::SYSTEM_CALL_ERROR ||
             it.library.cleanDownloads(0min) || it.library.getInstalledVersions().empty())
             return false;
         if (report.stage == stage && throws)
@@ -191,11 +205,18 @@ void InstallTest::callbacksThatEndIt()
     QCOMPARE(recorder.reports.back().stage, stage);
     QCOMPARE(promiseFault(it.root, *m_releases, {"1.0.0"}), QString());
 
-    Recorder resumed;
-    QCOMPARE(it.library.installVersion("1.10.0", resumed.progress(), resumed.stage()), vlupd::OK);
-    QCOMPARE(resumed.fault(), QString());
+    // What has been fetched is there: the repository need not have it any more.
+    const fs::path packs = m_releases->folder() / "packs";
+    const fs::path hidden = m_releases->folder() / "hidden";
     if (stage > 0)
-        QCOMPARE(resumed.reports.front().done, resumed.reports.front().total);
+        fs::rename(packs, hidden);
+    Recorder resumed;
+    const int result = it.library.installVersion("1.10.0", resumed.progress(), resumed.stage());
+    if (stage > 0)
+        fs::rename(hidden, packs);
+    QVERIFY2(result == vlupd::OK, it.log.text().c_str());
+    QCOMPARE(resumed.fault(), QString());
+    QVERIFY(it.library.cleanDownloads(0min));
     QCOMPARE(promiseFault(it.root, *m_releases, {"1.10.0"}), QString());
     QCOMPARE(it.root.leftovers(), QString());
 }
@@ -214,8 +235,13 @@ void InstallTest::damageIsFound_data()
     constexpr int broken = vlupd::INSTALLED_FILES_BROKEN;
     row("a file of the user", vlupd::OK, "", write("mine.txt", "mine"));
     row("one bit", broken, "shared.txt: other contents", change);
+    row("one bit, with the old time", broken, "shared.txt: other contents",
+        [change](const fs::path& tree) {
+            change(tree);
+            fs::last_write_time(tree / "shared.txt", fs::file_time_type::clock::now() - 9000h);
+        });
     row("outside the subfolder", vlupd::OK, "", change, "данные/");
-    row("no such subfolder", vlupd::NOT_FOUND, "", change, "../1.0.0");
+    row("no such subfolder", vlupd::NOT_FOUND, "", change, "../simulator");
     row("cut", broken, "bin/simulator: 3 bytes instead of 13", write("bin/simulator", "the"));
     row("missing", broken, "данные/карта.txt: missing",
         [](const fs::path& tree) { fs::remove_all(tree / u8"данные"); });
@@ -227,9 +253,9 @@ void InstallTest::damageIsFound_data()
     });
 #endif
     row("write permission gone, manifest lost", vlupd::OK, "", [](const fs::path& tree) {
-        for (const char* file : {"bin/simulator", "../../vl.lock"})
+        for (const char* file : {"bin/simulator", "../vl.lock"})
             fs::permissions(tree / file, fs::perms::owner_read);
-        fs::remove_all(tree / "../../manifests");
+        fs::remove_all(tree.parent_path() / "manifests");
     });
 }
 
@@ -237,60 +263,22 @@ void InstallTest::damageIsFound()
 {
     QFETCH(Damage, damage);
     const auto& [expected, words, change, subfolder] = damage;
-    Installed it(*m_releases);
-    change(it.root.tree());
-    QVERIFY(it.library.getInstalledVersions().contains("1.0.0"));
-    QCOMPARE(int(it.library.checkFiles("1.0.0", subfolder)), expected);
-    QVERIFY2(it.log.contains(words), it.log.text().c_str());
-    // A damaged version can be installed anew, a whole one need not be.
-    const bool damaged = it.library.checkFiles("1.0.0", std::nullopt) != vlupd::OK;
-    QCOMPARE(it.library.installVersion("1.0.0", {}, {}),
-             damaged ? vlupd::OK : vlupd::FOUND_LOCALLY);
-    QCOMPARE(it.library.checkFiles("1.0.0", std::nullopt), vlupd::OK);
-}
-
-void InstallTest::lostRecords_data()
-{
-    QTest::addColumn<Change>("change");
-    QTest::addColumn<bool>("remains");
-    const auto write = [](const char* name, const char* text) {
-        const Change change = [=](const fs::path& root) {
-            writeFile(root / "installed.json", text);
-        };
-        QTest::newRow(name) << change << true;
-    };
-    write("empty", "");
-    write("cut", R"({"format":1,"installed":{"ver)");
-    write("hostile version", R"({"format":1,"superseded":[],)"
-                             R"("installed":{"version":"../..","generation":1,"manifest":""}})");
-    write("newer format", R"({"format":2})");
-    QTest::newRow("missing") << Change([](const fs::path& root) {
-        fs::remove(root / "installed.json");
-    }) << true;
-    QTest::newRow("interrupted removal") << Change([](const fs::path& root) {
-        fs::rename(root / "versions/1.0.0.g1", root / "versions/.trash-1.0.0.g1");
-    }) << false;
-}
-
-void InstallTest::lostRecords()
-{
-    QFETCH(Change, change);
-    QFETCH(bool, remains);
-    Installed it(*m_releases);
-    const fs::path root = it.root.path();
-    change(root);
-    const std::set<std::string> expected{remains ? "1.0.0" : ""};
-    QCOMPARE(promiseFault(it.root, *m_releases, expected), QString());
-    LogLines log;
-    VLUPD library(root, false, nullptr);
-    QVERIFY(library.cleanDownloads(0min));
-    library.setLogBuf(&log);
-    library.getInstalledVersions();
-    if (remains)
-        QVERIFY2(log.contains("installed.json"), log.text().c_str());
-    QCOMPARE(promiseFault(it.root, *m_releases, expected), QString());
-    QCOMPARE(it.root.leftovers(), QString());
-    QCOMPARE(library.installVersion("1.0.0", {}, {}), remains ? vlupd::FOUND_LOCALLY : vlupd::OK);
+    // A repair finds it on its own; an update keeps away from what a check has found.
+    for (const bool checked : {true, false}) {
+        Installed it(*m_releases);
+        change(it.root.tree());
+        QVERIFY(it.library.getInstalledVersions().contains("1.0.0"));
+        if (checked) {
+            QCOMPARE(int(it.library.checkFiles("1.0.0", subfolder)), expected);
+            QVERIFY2(it.log.contains(words), it.log.text().c_str());
+            it.library.checkFiles("1.0.0", std::nullopt);
+        }
+        const std::string next = checked ? "1.10.0" : "1.0.0";
+        QCOMPARE(it.library.installVersion(next, {}, {}), vlupd::OK);
+        QCOMPARE(it.library.checkFiles(next, std::nullopt), vlupd::OK);
+        QVERIFY(it.library.cleanDownloads(0min));
+        QCOMPARE(it.root.leftovers(), QString());
+    }
 }
 
 void InstallTest::readingNeedsNoWriting()
@@ -298,8 +286,8 @@ void InstallTest::readingNeedsNoWriting()
     const Installed it(*m_releases);
     const Files before = filesIn(it.root.path());
     // The seam stands for the read-only file system, which the superuser's rights do not override.
-    vl::setFileFault([](vl::FileOperation operation, const fs::path&) -> std::optional<int> {
-        using enum vl::FileOperation;
+    vl::setFileFault([](FileOperation operation, const fs::path&) -> std::optional<int> {
+        using enum FileOperation;
         return operation == Open || operation == Read ? std::nullopt : std::optional(EROFS);
     });
     for (const bool readOnly : {true, false}) {
@@ -323,36 +311,107 @@ void InstallTest::readingNeedsNoWriting()
     QVERIFY(library.getInstalledVersions().contains("1.0.0"));
 }
 
-void InstallTest::downloadsAreCleaned()
+void InstallTest::stagedFilesAreCleaned()
 {
-    Installed it(*m_releases, "");
+    Installed it(*m_releases);
     Recorder ended;
     ended.goOn = [](const Recorder::Report& report) { return report.stage != 2; };
-    QCOMPARE(it.library.installVersion("1.0.0", ended.progress(), ended.stage()),
+    QCOMPARE(it.library.installVersion("1.10.0", ended.progress(), ended.stage()),
              vlupd::UNKNOWN_ERROR);
-    const std::set<std::string> needed = it.root.partFiles();
-    QVERIFY(!needed.empty());
-    const std::string other = std::string(64, 'a') + ".zst.part";
-    writeFile(it.root.path() / "downloads" / other, "of no use");
-    // To Windows the folder is the same as "Downloads".
-    const fs::path foreign = it.root.path() / "downloads/photo.part";
-    writeFile(foreign, "the user's");
-    fs::last_write_time(foreign, fs::file_time_type::clock::now() - 24h);
+    const auto staged = it.root.staged();
+    QVERIFY(!staged.empty());
+    const fs::path staging = it.root.path() / "simulator.vl";
+    const std::vector<fs::path> foreign{staging / "photo.jpg", staging / "staged-abc/mine",
+                                        it.root.path() / "manifests/photo.jpg"};
+    const auto old = fs::file_time_type::clock::now() - 1000 * 24h;
+    for (const fs::path& path : foreign) {
+        writeFile(path, "the user's");
+        fs::last_write_time(path, old);
+    }
     // Whether files of some age are still there after a cleaning with this limit.
-    const auto stay = [&](const std::set<std::string>& names, std::chrono::hours age,
-                          std::chrono::minutes limit) {
-        for (const std::string& name : names)
-            fs::last_write_time(it.root.path() / "downloads" / name,
-                                fs::file_time_type::clock::now() - age);
-        return it.library.cleanDownloads(limit) &&
-               std::ranges::includes(it.root.partFiles(), names);
+    const auto stay = [&](std::chrono::hours age, std::chrono::minutes limit) {
+        for (const auto& [path, size] : staged)
+            fs::last_write_time(staging / path, fs::file_time_type::clock::now() - age);
+        const bool cleaned = it.library.cleanDownloads(limit);
+        auto left = it.root.staged();
+        left.erase("staged-abc/mine");
+        return cleaned && left == staged;
     };
-    QVERIFY(stay({other}, 0h, 30min));
-    QVERIFY(stay({other}, 1h, std::chrono::minutes::max()));
-    QVERIFY(!stay({other}, 1h, 30min));
-    QVERIFY(stay(needed, 13 * 24h, 30min));
-    QVERIFY(!stay(needed, 15 * 24h, 30min));
-    QVERIFY(fs::remove(foreign));
+    QVERIFY(stay(0h, 0min));
+    QVERIFY(stay(13 * 24h, 30min));
+    QVERIFY(stay(15 * 24h, 20 * 24h));
+    QVERIFY(stay(15 * 24h, std::chrono::minutes::max()));
+    QVERIFY(!stay(15 * 24h, 30min));
+    QCOMPARE(it.root.staged().size(), 1U);
+    for (const fs::path& path : foreign)
+        QVERIFY(fs::exists(path));
+    QCOMPARE(promiseFault(it.root, *m_releases, {"1.0.0"}), QString());
+}
+
+void InstallTest::logIsNotFlooded()
+{
+    Files many = oldFiles;
+    Releases releases(true);
+    releases.publish("1.0.0", oldFiles);
+    for (int i = 0; i < 100; ++i)
+        many["many/" + std::to_string(i)] = "of the version";
+    releases.publish("2.0.0", many);
+    Installed it(releases);
+    const auto writeMany = [&](const std::string& text) {
+        for (int i = 0; i < 100; ++i)
+            writeFile(it.root.tree() / "many" / std::to_string(i), text);
+        it.log.lines.clear();
+    };
+    const auto said = [&](const std::string& words) {
+        return std::ranges::count_if(it.log.lines, [&](const std::string& line) {
+            return line.find(words) != std::string::npos;
+        });
+    };
+    writeMany("the user's");
+    QCOMPARE(it.library.installVersion("2.0.0", {}, {}), vlupd::OK);
+    QVERIFY(said("kept the user's") <= 21 && it.log.contains("and 80 more"));
+    QVERIFY(it.log.contains("kept the user's: many/"));
+    writeMany("edited");
+    QCOMPARE(it.library.checkFiles("2.0.0", std::nullopt), vlupd::INSTALLED_FILES_BROKEN);
+    QVERIFY(said("many/") == 20 && it.log.contains("and 80 more"));
+    it.log.lines.clear();
+    QCOMPARE(it.library.installVersion("1.0.0", {}, {}), vlupd::OK);
+    QVERIFY(said("somebody has changed it") <= 21 && it.log.contains("and 80 more"));
+    QVERIFY(it.log.lines.size() < 40);
+}
+
+void InstallTest::oldFilesAreDeletedLater_data()
+{
+    QTest::addColumn<std::string>("next");
+    QTest::newRow("after the program's end") << std::string();
+    QTest::newRow("by the next installation") << std::string("1.0.0");
+}
+
+// The program goes on as soon as the new version is installed, and may end at once.
+void InstallTest::oldFilesAreDeletedLater()
+{
+    QFETCH(std::string, next);
+    enum Deletion { Held, Free, Dead };
+    std::atomic<Deletion> deletion = Held;
+    Installed it(*m_releases);
+    auto library = std::make_unique<VLUPD>(it.root.path(), false, &it.log);
+    vl::setFileFault([&](FileOperation operation, const fs::path& path) -> std::optional<int> {
+        if (operation != FileOperation::Remove || path.parent_path().filename() != "aside")
+            return std::nullopt;
+        deletion.wait(Held);
+        return deletion == Dead ? std::optional(EIO) : std::nullopt;
+    });
+    QCOMPARE(library->installVersion("1.10.0", {}, {}), vlupd::OK);
+    QVERIFY(filesIn(it.root.path() / "simulator.vl").size() > 1);
+    QVERIFY(library->getAppExecutablePath("1.10.0", "default_exec"));
+    deletion = next.empty() ? Dead : Free;
+    deletion.notify_all();
+    QCOMPARE(library->checkFiles("1.10.0", std::nullopt), vlupd::OK);
+    if (!next.empty())
+        QCOMPARE(library->installVersion(next, {}, {}), vlupd::OK);
+    library.reset();
+    cleanup();
+    QCOMPARE(promiseFault(it.root, *m_releases, {next.empty() ? "1.10.0" : next}), QString());
     QCOMPARE(it.root.leftovers(), QString());
 }
 

@@ -32,7 +32,7 @@ Expected<std::string> fetchRange(vl::Source& source, ByteRange range, vl::Operat
         text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
         return {};
     };
-    return source.fetchRange("file", fileSize, range, operation, sink).map([&text] {
+    return source.fetchRange("file", fileSize, range, operation, sink, {}).map([&text] {
         return text;
     });
 }

@@ -60,7 +60,7 @@ enum UPD_RESULT : std::int32_t {
 /// What an installation is doing. Stages are reported in ascending order.
 enum UPD_INSTALLATION_STAGE : std::int32_t {
     STAGE_DOWNLOADING = 0,
-    /// Another way to get the same files took over.
+    /// Never reported.
     STAGE_DOWNLOADING_AGAIN = 1,
     STAGE_UNPACKING = 2,
     STAGE_APPLYING = 3,
@@ -90,14 +90,16 @@ public:
     /// its registration. Each line is one `sputn` of a NUL-terminated text without a line end.
     void setLogBuf(std::basic_streambuf<char>* log);
 
-    /// Installs `version` in place of the installed one. Blocks until the end.
+    /// Installs `version` in place of the installed one, or the same again to repair it. Blocks
+    /// until it is installed, for programs of the installed version to end too.
     /// `progress(bytesPerSecond, bytesDone, bytesTotal)` is called at most 20 times a second and
     /// returns false to end the operation, which can be resumed later. `stage` announces stages.
     UPD_RESULT
     installVersion(const std::string& version,
                    std::function<bool(std::uint64_t, std::uint64_t, std::uint64_t)> progress,
                    std::function<void(UPD_INSTALLATION_STAGE)> stage);
-    /// Removes the installed `version` and everything in its folder.
+    /// Removes the installed `version`. What the user made in its folder stays. Its own files are
+    /// deleted after the return. Refused while a program of it runs.
     UPD_RESULT removeVersion(const std::string& version);
     /// Compares the installed `version` with its signed manifest: OK or INSTALLED_FILES_BROKEN,
     /// anything else when the comparison could not be made. `subfolder` limits it to files below
@@ -107,10 +109,12 @@ public:
     nlohmann::json getAvailableVersions();
     /// The installed versions by key. Never waits for an installation.
     std::map<std::string, UpdaterData_InstalledVersion> getInstalledVersions();
-    /// Removes download files older than `age` that no interrupted installation needs.
-    /// False when another process or operation is busy or a file could not be removed.
+    /// Ends what was interrupted and deletes what is superfluous: files of interrupted
+    /// installations, when they are older than `age` and 14 days. Returns after a second at most
+    /// and goes on by itself. False when another process or operation is busy or something failed.
     bool cleanDownloads(std::chrono::minutes age);
-    /// Absolute path of the executable that the installed `version` lists under `appKey`.
+    /// Absolute path of the executable that the installed `version` lists under `appKey`; nothing
+    /// while another version is being put in its place.
     std::optional<std::filesystem::path> getAppExecutablePath(const std::string& version,
                                                               std::string appKey);
 

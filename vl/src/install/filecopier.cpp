@@ -1,9 +1,11 @@
 #include "vl/src/install/filecopier.h"
 
-#include "vl/src/install/treewriter.h"
-#include "vl/src/platform/file.h"
+#include "vl/src/operation/workers.h"
 
 #include <algorithm>
+#include <mutex>
+#include <span>
+#include <string>
 #include <utility>
 
 namespace vl {
@@ -13,61 +15,17 @@ namespace {
 constexpr std::size_t copyThreads = 2;
 constexpr std::size_t pieceSize = 1U << 20U;
 
-} // namespace
-
-FileCopier::FileCopier(const Manifest& target, std::vector<FileCopy> copies, FilePlace source,
-                       const std::filesystem::path& tree)
-    : m_target(target), m_copies(std::move(copies)), m_source(std::move(source)), m_tree(tree)
+// False when the source does not hold what the new file should.
+Expected<bool> copyOne(const ManifestFile& file, const File& source, File& copy,
+                       std::vector<std::byte>& piece, std::atomic<std::uint64_t>& written,
+                       const std::stop_token& stop)
 {
-}
-
-void FileCopier::start()
-{
-    if (!m_copies.empty())
-        m_workers.emplace(copyThreads, [this](const std::stop_token& stop) { return work(stop); });
-}
-
-Expected<void> FileCopier::finish(Operation& operation, const std::function<void()>& tick)
-{
-    auto finished = m_workers ? m_workers->finish(operation, tick) : Expected<void>();
-    std::ranges::sort(m_failed);
-    return finished;
-}
-
-Expected<void> FileCopier::work(const std::stop_token& stop)
-{
-    std::vector<std::byte> piece(pieceSize);
-    for (std::size_t i = m_next++; i < m_copies.size() && !stop.stop_requested(); i = m_next++) {
-        const auto copied = copy(m_copies[i], piece, stop);
-        if (!copied)
-            return tl::unexpected(copied.error());
-        if (*copied || stop.stop_requested())
-            continue;
-        const ManifestFile& file = m_target.files[m_copies[i].target];
-        if (auto removed = removeFile(m_tree / fromUtf8(file.path)); !removed)
-            return removed;
-        const std::lock_guard lock(m_mutex);
-        m_failed.push_back(m_copies[i].target);
-    }
-    return {};
-}
-
-Expected<bool> FileCopier::copy(const FileCopy& copy, std::vector<std::byte>& piece,
-                                const std::stop_token& stop)
-{
-    const ManifestFile& file = m_target.files[copy.target];
-    const auto source = File::open(m_source(copy.source), File::Mode::Read);
-    if (!source)
-        return false;
-    auto made = createFile(file, m_tree);
-    if (!made)
-        return tl::unexpected(std::move(made).error());
-    const bool cloned = made->cloneFrom(*source);
+    const bool cloned = copy.cloneFrom(source);
     Hasher hasher;
     std::uint64_t done = 0;
-    // One byte more than the file has, so that one that has grown is noticed.
+    // One byte more than the file has shows one that has grown.
     while (done <= file.size && !stop.stop_requested()) {
-        const auto got = (cloned ? *made : *source).readAt(done, piece);
+        const auto got = (cloned ? copy : source).readAt(done, piece);
         if (!got)
             return false;
         if (*got == 0)
@@ -75,15 +33,63 @@ Expected<bool> FileCopier::copy(const FileCopy& copy, std::vector<std::byte>& pi
         const auto bytes = std::span(piece).first(*got);
         hasher.update(bytes);
         if (!cloned)
-            if (auto written = made->writeAt(done, bytes); !written)
-                return tl::unexpected(std::move(written).error());
+            if (auto put = copy.writeAt(done, bytes); !put)
+                return tl::unexpected(std::move(put).error());
         done += *got;
+        written += *got;
     }
     if (done != file.size || hasher.finish() != file.hash)
         return false;
-    made->startWriteback(0, file.size);
-    m_written += file.size;
+    copy.startWriteback(0, file.size);
     return true;
+}
+
+} // namespace
+
+Expected<std::vector<FileNumber>>
+copyFiles(const Manifest& target, const std::vector<FileCopy>& copies, const OpenBaseFile& source,
+          const Folder& staged, FileFinisher& finisher, std::atomic<std::uint64_t>& written,
+          Operation& operation)
+{
+    std::vector<FileNumber> failed;
+    if (copies.empty())
+        return failed;
+    std::mutex mutex;
+    std::atomic<std::size_t> next{0};
+    Workers workers(copyThreads, [&](const std::stop_token& stop) -> Expected<void> {
+        std::vector<std::byte> piece(pieceSize);
+        for (std::size_t i = next++; i < copies.size() && !stop.stop_requested(); i = next++) {
+            const FileNumber number = copies[i].target;
+            const ManifestFile& file = target.files[number];
+            const std::string name = std::to_string(number);
+            bool good = false;
+            if (const auto from = source(copies[i].source)) {
+                if (auto removed = staged.removeFile(name); !removed)
+                    return removed;
+                auto copy = staged.openFile(name, File::Mode::Create, file.mode);
+                if (!copy)
+                    return tl::unexpected(std::move(copy).error());
+                const auto copied = copyOne(file, *from, *copy, piece, written, stop);
+                if (!copied)
+                    return tl::unexpected(copied.error());
+                good = *copied;
+                if (good)
+                    if (auto finished = finisher.finish(std::move(*copy)); !finished)
+                        return finished;
+            }
+            if (good || stop.stop_requested())
+                continue;
+            if (auto removed = staged.removeFile(name); !removed)
+                return removed;
+            const std::lock_guard lock(mutex);
+            failed.push_back(number);
+        }
+        return {};
+    });
+    if (auto finished = workers.finish(operation); !finished)
+        return tl::unexpected(std::move(finished).error());
+    std::ranges::sort(failed);
+    return failed;
 }
 
 } // namespace vl

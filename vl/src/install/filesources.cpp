@@ -17,66 +17,44 @@ Contents contentsOf(const ManifestFile& file)
 
 } // namespace
 
-FileSources findSources(const Manifest& target, const Manifest* base,
-                        const std::function<bool(std::size_t baseFile)>& usable)
+FileSources findSources(const Manifest& target, const std::vector<FileNumber>& wanted,
+                        const Manifest* base, const std::function<bool(FileNumber)>& usable,
+                        const std::vector<FileNumber>& staged)
 {
-    std::map<Contents, std::vector<std::size_t>> older;
-    for (std::size_t i = 0; base != nullptr && i < base->files.size(); ++i)
-        if (base->files[i].size > 0)
-            older[contentsOf(base->files[i])].push_back(i);
-
     FileSources sources;
-    std::map<Contents, std::size_t> fetched;
-    for (std::size_t i = 0; i < target.files.size(); ++i) {
-        const Contents contents = contentsOf(target.files[i]);
-        if (contents.second == 0)
+    std::map<Contents, std::vector<FileNumber>> older; // of the contents that are wanted
+    for (const FileNumber number : wanted)
+        if (base != nullptr && target.files[number].size > 0)
+            older[contentsOf(target.files[number])];
+    for (FileNumber i = 0; base != nullptr && !older.empty() && i < base->files.size(); ++i)
+        if (const auto found = older.find(contentsOf(base->files[i])); found != older.end())
+            found->second.push_back(i);
+
+    std::map<Contents, FileNumber> built;
+    for (const FileNumber number : staged)
+        built.emplace(contentsOf(target.files[number]), number);
+    for (const FileNumber number : wanted) {
+        const Contents contents = contentsOf(target.files[number]);
+        if (contents.second == 0) {
+            sources.empty.push_back(number);
             continue;
-        if (const auto twin = fetched.find(contents); twin != fetched.end()) {
-            sources.twins.push_back({i, twin->second});
+        }
+        if (const auto twin = built.find(contents); twin != built.end()) {
+            sources.twins.push_back({number, twin->second});
             continue;
         }
         const auto found = older.find(contents);
         const auto source = found == older.end()
-                                ? std::vector<std::size_t>::const_iterator()
+                                ? std::vector<FileNumber>::const_iterator()
                                 : std::ranges::find_if(std::as_const(found->second), usable);
         if (found != older.end() && source != found->second.cend()) {
-            sources.kept.push_back({i, *source});
+            sources.kept.push_back({number, *source});
         } else {
-            sources.missing.push_back(i);
-            fetched.emplace(contents, i);
+            sources.missing.push_back(number);
+            built.emplace(contents, number);
         }
     }
     return sources;
-}
-
-std::vector<std::size_t> framesOf(const Manifest& manifest, std::span<const std::size_t> files)
-{
-    std::vector<bool> holds(manifest.pack.frames.size());
-    for (const std::size_t index : files) {
-        const ManifestFile& file = manifest.files[index];
-        auto frame =
-            std::ranges::upper_bound(manifest.pack.frames, file.rawOffset, {}, &Frame::rawOffset) -
-            manifest.pack.frames.begin() - 1;
-        for (; frame < std::ssize(manifest.pack.frames); ++frame) {
-            if (manifest.pack.frames[static_cast<std::size_t>(frame)].rawOffset >=
-                file.rawOffset + file.size)
-                break;
-            holds[static_cast<std::size_t>(frame)] = true;
-        }
-    }
-    std::vector<std::size_t> frames;
-    for (std::size_t i = 0; i < holds.size(); ++i)
-        if (holds[i])
-            frames.push_back(i);
-    return frames;
-}
-
-std::uint64_t sizeOf(std::span<const Frame> frames, std::span<const std::size_t> wanted)
-{
-    std::uint64_t bytes = 0;
-    for (const std::size_t index : wanted)
-        bytes += frames[index].size;
-    return bytes;
 }
 
 } // namespace vl

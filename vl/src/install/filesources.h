@@ -1,41 +1,34 @@
 #pragma once
 
 #include "vl/src/formats/manifest.h"
+#include "vl/src/install/records.h"
 
-#include <cstddef>
-#include <cstdint>
 #include <functional>
-#include <span>
 #include <vector>
 
-// Where the bytes of a version's files may come from. Files are named by their places in the lists
-// of manifests.
 namespace vl {
 
-/// A file whose bytes lie in another one.
+/// A new file whose contents lie in another file.
 struct FileCopy
 {
-    std::size_t target = 0;
-    std::size_t source = 0;
+    FileNumber target = 0;
+    FileNumber source = 0;
 };
 
+/// Where the bytes of new files come from.
 struct FileSources
 {
-    std::vector<FileCopy> kept;       ///< from files of the older version
-    std::vector<std::size_t> missing; ///< to be fetched; no two have the same contents
-    std::vector<FileCopy> twins;      ///< from files of the same version, once these are there
+    std::vector<FileNumber> empty;   ///< files of 0 bytes
+    std::vector<FileCopy> kept;      ///< from files of the older version
+    std::vector<FileNumber> missing; ///< to be fetched; no two have the same contents
+    std::vector<FileCopy> twins;     ///< from files of the new version, once these are built
 };
 
-/// Sorts the files of `target` that hold bytes. `base`: the older version, or null; `usable` tells
-/// of one of its files whether it may be taken. Names do not matter, only sizes and hashes: renamed
-/// and moved files are found.
-FileSources findSources(const Manifest& target, const Manifest* base,
-                        const std::function<bool(std::size_t baseFile)>& usable);
-
-/// The frames of the full pack that hold bytes of `files`, ascending.
-std::vector<std::size_t> framesOf(const Manifest& manifest, std::span<const std::size_t> files);
-
-/// Compressed bytes of frames.
-std::uint64_t sizeOf(std::span<const Frame> frames, std::span<const std::size_t> wanted);
+/// Sorts the files `wanted` (ascending) of `target`. `base`: the older version, or null; `usable`:
+/// one of its files may be taken. Names do not matter, only sizes and hashes: renamed and moved
+/// files are found. `staged`: new files that are built already.
+FileSources findSources(const Manifest& target, const std::vector<FileNumber>& wanted,
+                        const Manifest* base, const std::function<bool(FileNumber)>& usable,
+                        const std::vector<FileNumber>& staged);
 
 } // namespace vl

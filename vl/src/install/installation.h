@@ -1,9 +1,8 @@
 #pragma once
 
 #include "vl/src/error.h"
-#include "vl/src/install/housekeeping.h"
-#include "vl/src/install/records.h"
-#include "vl/src/operation/operation.h"
+#include "vl/src/install/recovery.h"
+#include "vl/src/install/state.h"
 #include "vl/src/transport/catalogueservice.h"
 #include "vl/src/transport/source.h"
 
@@ -14,20 +13,18 @@ namespace vl {
 
 struct InstallationContext
 {
-    const RootLayout& layout;
+    const RootContext& root;
     CatalogueService& catalogues;
     const SourceOptions& transport;
-    Operation& operation;
 };
 
-/// Installs `version` in place of what is installed: OK or FOUND_LOCALLY. On any failure the old
-/// version is untouched and what has been downloaded stays for the next attempt.
-Expected<vlupd::UPD_RESULT> installVersion(const InstallationContext& context,
-                                           const std::string& version);
+/// Installs `version` in place of what is installed, or the same again to repair it. Returns once
+/// it is committed; tidy() does the rest. On any failure the old version is as it was, and what has
+/// been built stays for the next attempt.
+Expected<void> installVersion(const InstallationContext& context, const std::string& version);
 
-/// Removes the installed `version` and everything in its folder. When it fails, the version is
-/// whole; once it is recorded as removed, what cannot be deleted is left to the next operation.
-Expected<void> removeVersion(const RootLayout& layout, const std::string& version,
-                             Operation& operation);
+/// Removes the installed `version`: from then on it is not installed, and tidy() deletes its files.
+/// Refused while a program of it runs. Needs no room on the disk.
+Expected<void> removeVersion(const RootContext& context, const std::string& version);
 
 } // namespace vl

@@ -2,8 +2,8 @@
 
 #include "vl/src/formats/config.h"
 #include "vl/src/install/filecheck.h"
-#include "vl/src/install/housekeeping.h"
 #include "vl/src/install/installation.h"
+#include "vl/src/install/tidying.h"
 #include "vl/src/platform/file.h"
 #include "vl/src/platform/lock.h"
 #include "vl/src/platform/stayawake.h"
@@ -18,6 +18,8 @@ namespace vl {
 namespace {
 
 constexpr std::size_t maxDamageLines = 20;
+// What a program's start may wait for the end of an interrupted switch and for deleting.
+constexpr std::chrono::seconds briefTime{1};
 
 /// The one operation that may run in this process at a time. Never waits, so that a callback that
 /// calls back into the library is refused instead of locked up.
@@ -55,15 +57,16 @@ void logUnexpected(Log& log, const std::string& name, const char* what) noexcept
 Library::Library(const std::filesystem::path& root, bool readOnly,
                  std::basic_streambuf<char>* buffer, const CatalogueService::Limits& limits)
     : m_layout(absolutePath(root)), m_readOnly(readOnly), m_transport(limits.transport),
-      m_catalogues(m_layout.root(), readOnly, limits, m_log)
+      m_catalogues(m_layout.root(), readOnly, limits, m_log), m_manifests(m_layout),
+      m_tidier(m_layout, m_manifests, m_log)
 {
     m_log.setBuffer(buffer);
     ask("VLUPD", true, [this]() -> Expected<bool> {
-        const auto reading = readState(m_layout);
-        if (!reading)
-            return tl::unexpected(reading.error());
-        if (reading->repaired)
-            m_log.write("VLUPD: " + *reading->repaired);
+        const auto state = readState(m_layout);
+        if (!state)
+            return tl::unexpected(state.error());
+        if (!state->fault.empty())
+            m_log.write("VLUPD: " + state->fault);
         return true;
     });
 }
@@ -80,10 +83,12 @@ vlupd::UPD_RESULT Library::install(const std::string& version, Operation::Progre
     Operation operation(m_log, std::move(progress), std::move(stage), name);
     return runAlone(name, Access::Change, operation, [&](Operation& running) {
         const StayAwake awake;
-        auto result = installVersion({m_layout, m_catalogues, m_transport, running}, version);
-        if (result && *result == vlupd::OK)
-            running.say("installed");
-        return result;
+        const RootContext root{m_layout, m_manifests, running};
+        const auto installed = installVersion({root, m_catalogues, m_transport}, version);
+        if (!installed)
+            return Expected<vlupd::UPD_RESULT>(tl::unexpected(installed.error()));
+        running.say("installed");
+        return Expected<vlupd::UPD_RESULT>(vlupd::OK);
     });
 }
 
@@ -93,7 +98,8 @@ vlupd::UPD_RESULT Library::remove(const std::string& version)
     Operation operation(m_log, {}, {}, name);
     return runAlone(name, Access::Change, operation,
                     [&](Operation& running) -> Expected<vlupd::UPD_RESULT> {
-                        if (auto removed = removeVersion(m_layout, version, running); !removed)
+                        const RootContext root{m_layout, m_manifests, running};
+                        if (auto removed = removeVersion(root, version); !removed)
                             return tl::unexpected(std::move(removed).error());
                         running.say("removed");
                         return vlupd::OK;
@@ -112,14 +118,23 @@ bool Library::cleanDownloads(std::chrono::minutes age)
 {
     const std::string name = "cleanDownloads";
     Operation operation(m_log, {}, {}, name);
-    const auto clean = [&](Operation& running) -> Expected<vlupd::UPD_RESULT> {
-        auto state = takeOverState(m_layout, running);
-        if (!state)
-            return tl::unexpected(std::move(state).error());
-        tidyUp(m_layout, *state, running, Tidying::Brief);
-        return removeDownloads(m_layout, age, running) ? vlupd::OK : vlupd::SYSTEM_CALL_ERROR;
-    };
-    return runAlone(name, Access::Change, operation, clean) == vlupd::OK;
+    const Turn turn(m_busy);
+    if (!turn.taken() || m_readOnly) {
+        operation.say(m_readOnly ? "the library was opened for reading only"
+                                 : "another operation of this program is running");
+        deliverIfIdle();
+        return false;
+    }
+    try {
+        m_tidier.start(age);
+        // What takes longer goes on beside the program.
+        const bool ended = m_tidier.waitFor(briefTime);
+        m_log.deliver();
+        return !ended || m_tidier.isDone();
+    } catch (const std::exception& exception) {
+        logUnexpected(m_log, name, exception.what());
+    }
+    return false;
 }
 
 nlohmann::json Library::availableVersions()
@@ -136,12 +151,12 @@ std::map<std::string, vlupd::UpdaterData_InstalledVersion> Library::installedVer
 {
     using Versions = std::map<std::string, vlupd::UpdaterData_InstalledVersion>;
     return ask("getInstalledVersions", Versions(), [&]() -> Expected<Versions> {
-        const auto reading = readState(m_layout);
-        if (!reading)
-            return tl::unexpected(reading.error());
+        const auto state = readState(m_layout);
+        if (!state)
+            return tl::unexpected(state.error());
         Versions versions;
-        if (const auto& tree = reading->state.installed)
-            versions[tree->id.version] = {toUtf8(m_layout.tree(tree->id))};
+        if (state->installed)
+            versions[state->installed->version] = {toUtf8(m_layout.versionFolder())};
         return versions;
     });
 }
@@ -151,16 +166,17 @@ std::optional<std::filesystem::path> Library::executable(const std::string& vers
 {
     using Answer = std::optional<std::filesystem::path>;
     return ask("getAppExecutablePath " + version, Answer(), [&]() -> Expected<Answer> {
-        const auto tree = installedTree(version);
-        if (!tree)
-            return tl::unexpected(tree.error());
-        const auto manifest = readSavedManifest(m_layout, *tree);
+        const auto state = stateWith(version);
+        if (!state)
+            return tl::unexpected(state.error());
+        const auto manifest = m_manifests.get(*state->installed);
+        m_manifests.clear();
         if (!manifest)
             return tl::unexpected(manifest.error());
-        const auto executable = manifest->executables.find(key);
-        if (executable == manifest->executables.end())
+        const auto executable = (*manifest)->executables.find(key);
+        if (executable == (*manifest)->executables.end())
             return failure(vlupd::APP_DEFINITION_ERROR, "the version names no executable " + key);
-        return m_layout.tree(tree->id) / fromUtf8(executable->second);
+        return m_layout.versionFolder() / fromUtf8(executable->second);
     });
 }
 
@@ -170,6 +186,8 @@ vlupd::UPD_RESULT Library::runAlone(const std::string& name, Access access, Oper
     const Turn turn(m_busy);
     vlupd::UPD_RESULT result = vlupd::UNKNOWN_ERROR;
     try {
+        if (turn.taken())
+            m_tidier.stop(); // whatever it was at is taken over
         const auto done = turn.taken() ? runLocked(access, operation, work)
                                        : failure(vlupd::SYSTEM_CALL_ERROR,
                                                  "another operation of this program is running");
@@ -183,7 +201,7 @@ vlupd::UPD_RESULT Library::runAlone(const std::string& name, Access access, Oper
     }
     // A refused one leaves its line to the operation that is running.
     if (turn.taken())
-        m_log.deliver();
+        endTurn();
     return result;
 }
 
@@ -224,53 +242,66 @@ void Library::deliverIfIdle()
         m_log.deliver();
 }
 
-Expected<InstalledTree> Library::installedTree(const std::string& version) const
+// The program goes on while what an operation has left is deleted.
+void Library::endTurn()
 {
-    auto reading = readState(m_layout);
-    if (!reading)
-        return tl::unexpected(std::move(reading).error());
-    auto& installed = reading->state.installed;
-    if (!installed || installed->id.version != version)
-        return failure(vlupd::NOT_FOUND, "not installed");
-    return std::move(*installed);
+    try {
+        m_log.deliver();
+        m_manifests.clear();
+        if (!m_readOnly && needsTidying(m_layout))
+            m_tidier.start({});
+    } catch (const std::exception& exception) {
+        logUnexpected(m_log, "cleanDownloads", exception.what());
+    }
 }
 
-Expected<Manifest> Library::manifestOf(const InstalledTree& tree, Operation& operation)
+// The state in which `version` is installed and no switch is half done.
+Expected<State> Library::stateWith(const std::string& version) const
 {
-    auto saved = readSavedManifest(m_layout, tree);
+    auto state = readState(m_layout);
+    if (!state)
+        return state;
+    if (!state->installed || state->installed->version != version)
+        return failure(vlupd::NOT_FOUND, "not installed");
+    if ((state->begun && !state->isCommitted()) || state->journalDamaged)
+        return failure(vlupd::SYSTEM_CALL_ERROR, "another version is being installed");
+    return state;
+}
+
+Expected<std::shared_ptr<const Manifest>> Library::manifestOf(const VersionRecord& record,
+                                                              Operation& operation)
+{
+    auto saved = m_manifests.get(record);
     if (saved || saved.error().code == vlupd::SYSTEM_CALL_ERROR)
         return saved;
     // Lost or damaged: the repository may still have the very same one.
-    const auto lost = [&](const std::string& why) {
-        return failure(vlupd::BROKEN_OR_MISSING,
-                       saved.error().message + "; it cannot be fetched either: " + why);
-    };
     const auto config = readConfig(m_layout.root());
-    if (!config)
-        return lost(config.error().message);
-    const auto catalogue = m_catalogues.catalogue(false);
-    if (!catalogue)
-        return lost(catalogue.error().message);
-    const auto reference = (*catalogue)->manifests.find(tree.id.version);
-    if (reference == (*catalogue)->manifests.end() || reference->second.hash != tree.manifest)
-        return lost("the catalogue no longer lists it");
-    auto source = openSource(*config, m_layout.root(), m_transport);
-    if (!source)
-        return lost(source.error().message);
-    auto fetched = m_catalogues.manifest(**catalogue, tree.id.version, **source, operation);
-    return fetched ? std::move(fetched) : lost(fetched.error().message);
+    auto source =
+        config ? openSource(*config, m_layout.root(), m_transport) : tl::unexpected(config.error());
+    auto fetched =
+        source ? m_catalogues.manifestByHash(record.manifest, record.version, **source, operation)
+               : tl::unexpected(std::move(source).error());
+    if (fetched)
+        return std::make_shared<const Manifest>(std::move(*fetched));
+    return failure(vlupd::BROKEN_OR_MISSING,
+                   saved.error().message +
+                       "; it cannot be fetched either: " + fetched.error().message);
 }
 
 Expected<vlupd::UPD_RESULT> Library::compare(const std::string& version,
                                              const std::string& subfolder, Operation& operation)
 {
-    const auto tree = installedTree(version);
-    if (!tree)
-        return tl::unexpected(tree.error());
-    const auto manifest = manifestOf(*tree, operation);
+    const auto state = stateWith(version);
+    if (!state)
+        return tl::unexpected(state.error());
+    const VersionRecord& record = *state->installed;
+    const auto manifest = manifestOf(record, operation);
     if (!manifest)
         return tl::unexpected(manifest.error());
-    const auto damage = findDamage(*manifest, m_layout.tree(tree->id), subfolder, operation);
+    const auto folder = Folder::open(m_layout.versionFolder());
+    if (!folder && folder.error().code != vlupd::NOT_FOUND)
+        return tl::unexpected(folder.error());
+    const auto damage = findDamage(**manifest, folder ? &*folder : nullptr, subfolder, operation);
     if (!damage)
         return tl::unexpected(damage.error());
     for (std::size_t i = 0; i < std::min(damage->size(), maxDamageLines); ++i)
@@ -278,7 +309,15 @@ Expected<vlupd::UPD_RESULT> Library::compare(const std::string& version,
     if (damage->size() > maxDamageLines)
         operation.say("and " + std::to_string(damage->size() - maxDamageLines) +
                       " more damaged files");
-    return damage->empty() ? vlupd::OK : vlupd::INSTALLED_FILES_BROKEN;
+    if (damage->empty())
+        return vlupd::OK;
+    // Times have not told: the next installation must not believe them.
+    VersionRecord struck = record;
+    struck.verified = 0;
+    if (!m_readOnly && record.verified != 0)
+        if (auto written = writeInstalled(m_layout, struck); !written)
+            operation.say(written.error().message);
+    return vlupd::INSTALLED_FILES_BROKEN;
 }
 
 } // namespace vl

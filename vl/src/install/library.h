@@ -1,7 +1,8 @@
 #pragma once
 
 #include "vl/src/error.h"
-#include "vl/src/install/records.h"
+#include "vl/src/install/state.h"
+#include "vl/src/install/tidier.h"
 #include "vl/src/operation/operation.h"
 #include "vl/src/transport/catalogueservice.h"
 #include "vlupd/vlupd.h"
@@ -13,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <streambuf>
 #include <string>
@@ -50,10 +52,12 @@ private:
     Expected<vlupd::UPD_RESULT> runLocked(Access access, Operation& operation, const Work& work);
     template <class Answer, class Question>
     Answer ask(const std::string& name, Answer fallback, const Question& question);
-    Expected<InstalledTree> installedTree(const std::string& version) const;
-    Expected<Manifest> manifestOf(const InstalledTree& tree, Operation& operation);
+    Expected<State> stateWith(const std::string& version) const;
+    Expected<std::shared_ptr<const Manifest>> manifestOf(const VersionRecord& record,
+                                                         Operation& operation);
     Expected<vlupd::UPD_RESULT> compare(const std::string& version, const std::string& subfolder,
                                         Operation& operation);
+    void endTurn();
     void deliverIfIdle();
 
     const RootLayout m_layout;
@@ -61,7 +65,9 @@ private:
     const SourceOptions m_transport;
     Log m_log;
     CatalogueService m_catalogues;
+    SavedManifests m_manifests;
     std::atomic<bool> m_busy{false}; ///< an operation that must be alone runs
+    Tidier m_tidier;                 ///< started and stopped by the operation that runs
 };
 
 } // namespace vl

@@ -2,11 +2,10 @@
 
 #include "vl/src/formats/pathrules.h"
 #include "vl/src/platform/file.h"
-#include "vl/src/transport/catalogueservice.h"
 
-#include <nlohmann/json.hpp>
-
-#include <algorithm>
+#include <charconv>
+#include <string_view>
+#include <utility>
 
 namespace vl {
 
@@ -14,277 +13,208 @@ namespace {
 
 using Json = nlohmann::json;
 
-constexpr std::uint64_t recordFormat = 1;
-constexpr std::uint64_t maxRecordSize = 1U << 20U;
+constexpr std::uint64_t recordFormat = 2;
+constexpr std::uint64_t maxRecordSize = 64U << 20U;
+constexpr FileNumber maxFiles = 100'000'000;
 
 // Members of a record that may be anything: damaged records are met, not believed.
+template <class Type>
+std::optional<Type> member(const Json& object, const char* name, bool (Json::*isType)() const)
+{
+    const auto found = object.is_object() ? object.find(name) : object.end();
+    if (!object.is_object() || found == object.end() || !((*found).*isType)())
+        return std::nullopt;
+    return found->get<Type>();
+}
+
 std::optional<std::string> textMember(const Json& object, const char* name)
 {
-    const auto member = object.is_object() ? object.find(name) : object.end();
-    if (!object.is_object() || member == object.end() || !member->is_string())
-        return std::nullopt;
-    return member->get<std::string>();
+    return member<std::string>(object, name, &Json::is_string);
 }
 
 std::optional<std::uint64_t> numberMember(const Json& object, const char* name)
 {
-    const auto member = object.is_object() ? object.find(name) : object.end();
-    if (!object.is_object() || member == object.end() || !member->is_number_unsigned())
-        return std::nullopt;
-    return member->get<std::uint64_t>();
+    return member<std::uint64_t>(object, name, &Json::is_number_unsigned);
 }
 
-std::optional<Hash> hashMember(const Json& object, const char* name)
+Json toJson(const VersionRecord& record)
 {
-    const auto text = textMember(object, name);
-    return text ? hashFromHex(*text) : std::nullopt;
+    return {{"version", record.version},
+            {"manifest", toHex(record.manifest)},
+            {"switch", record.switchNumber},
+            {"verified", record.verified}};
 }
 
-Json toJson(const InstalledTree& tree)
-{
-    return {{"version", tree.id.version},
-            {"generation", tree.id.generation},
-            {"manifest", toHex(tree.manifest)}};
-}
-
-std::optional<InstalledTree> treeFromJson(const Json& object)
+std::optional<VersionRecord> versionFrom(const Json& object)
 {
     const auto version = textMember(object, "version");
-    const auto generation = numberMember(object, "generation");
-    const auto manifest = hashMember(object, "manifest");
-    if (!version || !versionKeyFault(*version).empty() || !generation || !manifest)
+    const auto manifest = textMember(object, "manifest");
+    const auto hash = manifest ? hashFromHex(*manifest) : std::nullopt;
+    const auto number = numberMember(object, "switch");
+    const auto verified = member<VolumeTime>(object, "verified", &Json::is_number_integer);
+    if (!version || !versionKeyFault(*version).empty() || !hash || !number || !verified)
         return std::nullopt;
-    return InstalledTree{{*version, *generation}, *manifest};
+    return VersionRecord{*version, *hash, *number, *verified};
 }
 
-// A JSON object of the known format; discarded when the text is anything else.
-Expected<Json> readRecord(const std::filesystem::path& path)
+bool readList(const Json& object, const char* name, std::vector<FileNumber>& numbers)
 {
-    const auto text = readWholeFile(path, maxRecordSize);
-    if (!text)
-        return tl::unexpected(text.error());
-    Json record = Json::parse(*text, nullptr, false);
-    if (numberMember(record, "format") != recordFormat)
-        record = Json(Json::value_t::discarded);
-    return record;
+    const auto text = textMember(object, name);
+    auto list = text ? readNumbers(*text, maxFiles) : std::nullopt;
+    if (list)
+        numbers = std::move(*list);
+    return list.has_value();
 }
 
-Expected<void> writeRecord(const std::filesystem::path& path, Json record)
+// A path that stays below the version's folder.
+bool readPath(const Json& value, std::string& path)
+{
+    if (!value.is_string())
+        return false;
+    path = value.get<std::string>();
+    for (std::string_view rest = path;;) {
+        const std::size_t slash = rest.find('/');
+        const std::string_view name = rest.substr(0, slash);
+        if (name.empty() || name == "." || name == "..")
+            return false;
+        if (slash == std::string_view::npos)
+            return true;
+        rest.remove_prefix(slash + 1);
+    }
+}
+
+std::optional<Switch> switchFrom(const Json& object)
+{
+    Switch journal;
+    const auto number = numberMember(object, "number");
+    const auto removed = member<bool>(object, "fromRemoved", &Json::is_boolean);
+    const auto to = object.contains("to") ? versionFrom(object["to"]) : std::nullopt;
+    if (!number || !removed || !to || !object.contains("from") || !object.contains("moves") ||
+        !object.contains("emptied") || !readList(object, "out", journal.out) ||
+        !readList(object, "in", journal.in) || !readList(object, "programs", journal.programs))
+        return std::nullopt;
+    journal.number = *number;
+    journal.fromRemoved = *removed;
+    journal.to = *to;
+    if (!object["from"].is_null()) {
+        journal.from = versionFrom(object["from"]);
+        if (!journal.from)
+            return std::nullopt;
+    }
+    for (const Json& move : object["moves"]) {
+        UserMove read;
+        if (!move.is_array() || move.size() != 2 || !readPath(move[0], read.from) ||
+            !readPath(move[1], read.to))
+            return std::nullopt;
+        journal.moves.push_back(std::move(read));
+    }
+    for (const Json& folder : object["emptied"])
+        if (!readPath(folder, journal.emptied.emplace_back()))
+            return std::nullopt;
+    return journal;
+}
+
+template <class Record>
+Expected<RecordReading<Record>> readRecord(const std::filesystem::path& file,
+                                           std::optional<Record> (*from)(const Json&))
+{
+    const auto text = readWholeFile(file, maxRecordSize);
+    if (!text && text.error().code == vlupd::NOT_FOUND)
+        return RecordReading<Record>{};
+    if (!text && text.error().code == vlupd::SYSTEM_CALL_ERROR)
+        return tl::unexpected(text.error());
+    RecordReading<Record> reading{Reading::Damaged};
+    const Json json = text ? Json::parse(*text, nullptr, false) : Json();
+    const auto format = numberMember(json, "format");
+    if (format && *format != recordFormat)
+        return failure(vlupd::UPDATER_DATA_ERROR, toUtf8(file) + " has the unknown format " +
+                                                      std::to_string(*format) +
+                                                      ": nothing is changed");
+    if (format)
+        reading.record = from(json);
+    if (reading.record)
+        reading.reading = Reading::Good;
+    return reading;
+}
+
+Expected<void> writeRecord(const std::filesystem::path& file, Json record)
 {
     record["format"] = recordFormat;
-    return writeWholeFile(path, record.dump(2) + "\n");
-}
-
-std::optional<State> stateFromJson(const Json& record)
-{
-    if (record.is_discarded() || !record.contains("installed") || !record.contains("superseded") ||
-        !record["superseded"].is_array())
-        return std::nullopt;
-    State state;
-    if (!record["installed"].is_null()) {
-        state.installed = treeFromJson(record["installed"]);
-        if (!state.installed)
-            return std::nullopt;
-    }
-    for (const Json& object : record["superseded"]) {
-        auto tree = treeFromJson(object);
-        if (!tree)
-            return std::nullopt;
-        state.superseded.push_back(std::move(*tree));
-    }
-    return state;
-}
-
-bool isLost(const Error& error)
-{
-    return error.code != vlupd::SYSTEM_CALL_ERROR;
-}
-
-// Whether every file is there with its size; what they hold is for checkFiles to say.
-Expected<bool> looksWhole(const RootLayout& layout, const InstalledTree& tree)
-{
-    const auto manifest = readSavedManifest(layout, tree);
-    if (!manifest)
-        return isLost(manifest.error()) ? Expected<bool>(false) : tl::unexpected(manifest.error());
-    for (const ManifestFile& file : manifest->files) {
-        const auto info = fileInfo(layout.tree(tree.id) / fromUtf8(file.path));
-        if (!info)
-            return tl::unexpected(info.error());
-        if (!*info || (*info)->kind != FileKind::File || (*info)->size != file.size)
-            return false;
-    }
-    return true;
-}
-
-// Version folders that have a sidecar, the newest first.
-Expected<std::vector<InstalledTree>> recordedTrees(const RootLayout& layout)
-{
-    std::vector<InstalledTree> trees;
-    const auto entries = listDirectory(layout.versions());
-    if (!entries)
-        return tl::unexpected(entries.error());
-    for (const TreeEntry& entry : *entries) {
-        const auto id = TreeId::fromFolderName(entry.path);
-        if (!id || entry.info.kind != FileKind::Directory)
-            continue;
-        const auto record = readRecord(layout.sidecar(*id));
-        if (!record && !isLost(record.error()))
-            return tl::unexpected(record.error());
-        const auto tree = record ? treeFromJson(*record) : std::nullopt;
-        if (tree && tree->id == *id)
-            trees.push_back(*tree);
-    }
-    std::ranges::sort(trees, std::ranges::greater(),
-                      [](const InstalledTree& tree) { return tree.id.generation; });
-    return trees;
-}
-
-// The newest whole version folder; a damaged one rather than none.
-Expected<State> rebuildState(const RootLayout& layout)
-{
-    auto trees = recordedTrees(layout);
-    if (!trees)
-        return tl::unexpected(std::move(trees).error());
-    State state;
-    std::size_t chosen = 0;
-    for (std::size_t i = 0; i < trees->size(); ++i) {
-        const auto whole = looksWhole(layout, (*trees)[i]);
-        if (!whole)
-            return tl::unexpected(whole.error());
-        if (*whole) {
-            chosen = i;
-            break;
-        }
-    }
-    for (std::size_t i = 0; i < trees->size(); ++i) {
-        if (i == chosen)
-            state.installed = (*trees)[i];
-        else
-            state.superseded.push_back((*trees)[i]);
-    }
-    return state;
+    return writeWholeFile(file, record.dump(1) + "\n");
 }
 
 } // namespace
 
-Expected<StateReading> readState(const RootLayout& layout)
+Expected<RecordReading<VersionRecord>> readVersionRecord(const std::filesystem::path& file)
 {
-    StateReading reading;
-    const auto record = readRecord(layout.stateFile());
-    if (!record && !isLost(record.error()))
-        return tl::unexpected(record.error());
-    auto state = record ? stateFromJson(*record) : std::nullopt;
-    if (!state) {
-        auto rebuilt = rebuildState(layout);
-        if (!rebuilt)
-            return tl::unexpected(std::move(rebuilt).error());
-        state = std::move(*rebuilt);
-        if (record || state->installed)
-            reading.repaired = toUtf8(layout.stateFile()) + (record ? " is damaged" : " is lost") +
-                               "; rebuilt from the version folders";
-    }
-    if (state->installed) {
-        const TreeId& id = state->installed->id;
-        const auto tree = fileInfo(layout.tree(id));
-        const auto trash = fileInfo(layout.trash(id));
-        if (!tree || !trash)
-            return tl::unexpected((tree ? trash : tree).error());
-        if (!*tree && *trash) {
-            reading.repaired = "the removal of " + id.version + " was interrupted";
-            state->installed.reset();
-        }
-    }
-    reading.state = std::move(*state);
-    return reading;
+    return readRecord<VersionRecord>(file, versionFrom);
 }
 
-Expected<bool> stateFileNames(const RootLayout& layout, const TreeId& id)
+Expected<RecordReading<Switch>> readJournal(const RootLayout& layout)
 {
-    const auto record = readRecord(layout.stateFile());
-    if (!record && !isLost(record.error()))
-        return tl::unexpected(record.error());
-    const auto state = record ? stateFromJson(*record) : std::nullopt;
-    return state && state->installed && state->installed->id == id;
+    return readRecord<Switch>(layout.journalFile(), switchFrom);
 }
 
-Expected<void> writeState(const RootLayout& layout, const State& state)
+Expected<void> writeInstalled(const RootLayout& layout, const VersionRecord& record)
 {
-    Json record{{"installed", nullptr}, {"superseded", Json::array()}};
-    if (state.installed)
-        record["installed"] = toJson(*state.installed);
-    for (const InstalledTree& tree : state.superseded)
-        record["superseded"].push_back(toJson(tree));
-    return writeRecord(layout.stateFile(), std::move(record));
+    return writeRecord(layout.installedFile(), toJson(record));
 }
 
-Expected<void> writeSidecar(const RootLayout& layout, const InstalledTree& tree)
+Expected<void> writeJournal(const RootLayout& layout, const Switch& journal)
 {
-    return writeRecord(layout.sidecar(tree.id), toJson(tree));
-}
-
-Expected<std::uint64_t> nextGeneration(const RootLayout& layout, const State& state)
-{
-    std::uint64_t newest = state.installed ? state.installed->id.generation : 0;
-    for (const InstalledTree& tree : state.superseded)
-        newest = std::max(newest, tree.id.generation);
-    const auto entries = listDirectory(layout.versions());
-    if (!entries)
-        return tl::unexpected(entries.error());
-    for (const TreeEntry& entry : *entries) {
-        // Folders, sidecars and trash all carry the number in their names.
-        std::string_view name = entry.path;
-        if (name.ends_with(".json"))
-            name.remove_suffix(5);
-        if (const auto id = TreeId::fromFolderName(name))
-            newest = std::max(newest, id->generation);
-    }
-    return newest + 1;
-}
-
-Expected<Manifest> readSavedManifest(const RootLayout& layout, const InstalledTree& tree)
-{
-    const std::filesystem::path path = savedManifestPath(layout.root(), tree.manifest);
-    const auto text = readWholeFile(path, maxManifestSize);
-    if (!text)
-        return tl::unexpected(text.error());
-    if (hashOf(*text) != tree.manifest)
-        return failure(vlupd::BROKEN_OR_MISSING, toUtf8(path) + " is damaged");
-    return readManifest(*text, tree.id.version);
-}
-
-bool Journal::needs(std::string_view name) const
-{
-    return std::ranges::any_of(
-        downloads, [name](const std::string& begin) { return name.starts_with(begin); });
-}
-
-std::optional<Journal> readJournal(const RootLayout& layout)
-{
-    const auto record = readRecord(layout.journalFile());
-    if (!record)
-        return std::nullopt;
-    auto tree = treeFromJson(*record);
-    const auto downloads = record->find("downloads");
-    const auto when = numberMember(*record, "when");
-    if (!tree || downloads == record->end() || !downloads->is_array() || !when ||
-        *when > UINT32_MAX)
-        return std::nullopt;
-    const std::chrono::system_clock::time_point time{std::chrono::seconds(*when)};
-    Journal journal{std::move(*tree), {}, time};
-    for (const Json& name : *downloads)
-        if (name.is_string() && !name.get_ref<const std::string&>().empty())
-            journal.downloads.push_back(name);
-    return journal;
-}
-
-Expected<void> writeJournal(const RootLayout& layout, const Journal& journal)
-{
-    using namespace std::chrono;
-    const auto seconds = duration_cast<std::chrono::seconds>(journal.when.time_since_epoch());
-    Json record = toJson(journal.tree);
-    record["downloads"] = journal.downloads;
-    record["when"] = static_cast<std::uint64_t>(seconds.count());
+    Json record{{"number", journal.number},
+                {"from", journal.from ? toJson(*journal.from) : Json()},
+                {"fromRemoved", journal.fromRemoved},
+                {"to", toJson(journal.to)},
+                {"out", writeNumbers(journal.out)},
+                {"in", writeNumbers(journal.in)},
+                {"programs", writeNumbers(journal.programs)},
+                {"moves", Json::array()},
+                {"emptied", journal.emptied}};
+    for (const UserMove& move : journal.moves)
+        record["moves"].push_back({move.from, move.to});
     return writeRecord(layout.journalFile(), std::move(record));
+}
+
+std::string writeNumbers(const std::vector<FileNumber>& numbers)
+{
+    std::string text;
+    for (std::size_t i = 0; i < numbers.size();) {
+        std::size_t end = i + 1;
+        while (end < numbers.size() && numbers[end] == numbers[end - 1] + 1)
+            ++end;
+        text += (text.empty() ? "" : ",") + std::to_string(numbers[i]);
+        if (end > i + 1)
+            text += "-" + std::to_string(numbers[end - 1]);
+        i = end;
+    }
+    return text;
+}
+
+std::optional<std::vector<FileNumber>> readNumbers(const std::string& text, FileNumber limit)
+{
+    std::vector<FileNumber> numbers;
+    const char* const end = text.data() + text.size();
+    for (const char* at = text.data(); at != end;) {
+        FileNumber first = 0;
+        auto [next, error] = std::from_chars(at, end, first);
+        FileNumber last = first;
+        if (error == std::errc() && next != end && *next == '-')
+            std::tie(next, error) = [&] {
+                const auto result = std::from_chars(next + 1, end, last);
+                return std::pair(result.ptr, result.ec);
+            }();
+        if (error != std::errc() || last < first || last >= limit ||
+            numbers.size() + (last - first) >= limit)
+            return std::nullopt;
+        for (FileNumber number = first; number <= last; ++number)
+            numbers.push_back(number);
+        const bool comma = next != end && *next == ',';
+        if (next != end && (!comma || next + 1 == end))
+            return std::nullopt;
+        at = comma ? next + 1 : next;
+    }
+    return numbers;
 }
 
 } // namespace vl

@@ -2,72 +2,79 @@
 
 #include "vl/src/error.h"
 #include "vl/src/formats/hash.h"
-#include "vl/src/formats/manifest.h"
 #include "vl/src/install/layout.h"
+#include "vl/src/platform/folder.h"
 
-#include <chrono>
+#include <nlohmann/json.hpp>
+
+#include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace vl {
 
-/// A version folder and the manifest that it was made from.
-struct InstalledTree
+/// A file's place in the list of a manifest, from 0.
+using FileNumber = std::size_t;
+
+/// A version and what is known of its files.
+struct VersionRecord
 {
-    TreeId id;
+    std::string version;
     Hash manifest{};
+    std::uint64_t switchNumber = 0; ///< of the switch that brought it
+    /// When its files were last seen to be right, by their volume's clock; 0: read them all.
+    VolumeTime verified = 0;
 };
 
-/// What the state file says.
-struct State
+/// A file or folder of the user that makes room for something of a version; paths below the
+/// version's folder.
+struct UserMove
 {
-    std::optional<InstalledTree> installed;
-    /// Replaced, but their folders may still hold files of the user.
-    std::vector<InstalledTree> superseded;
+    std::string from;
+    std::string to;
 };
 
-struct StateReading
+/// The journal of a switch: everything that finishing or undoing it needs beside the two manifests.
+struct Switch
 {
-    State state;
-    /// The file on the disk says something else (or nothing): why. It is to be written anew by
-    /// whoever holds the lock.
-    std::optional<std::string> repaired;
+    std::uint64_t number = 0;
+    std::optional<VersionRecord> from; ///< what lay in the folder
+    bool fromRemoved = false;          ///< `from` was being removed
+    VersionRecord to;
+    std::vector<FileNumber> out;      ///< old files that leave, executables first
+    std::vector<FileNumber> in;       ///< new files that come, executables last
+    std::vector<FileNumber> programs; ///< executables of `from` that leave and return unchanged
+    std::vector<UserMove> moves;
+    std::vector<std::string> emptied; ///< old folders in the way of new files
 };
 
-/// The state as it stands: from the file; where that is missing or damaged, rebuilt from the
-/// version folders; a removal that was interrupted counts as done. Needs no lock. Fails only when
-/// something could not be read, which says nothing about what is installed.
-Expected<StateReading> readState(const RootLayout& layout);
-/// Whether the state file, as it lies there, names `id` as installed. For whoever failed to write
-/// it: the failure may have come after the new text took its place.
-Expected<bool> stateFileNames(const RootLayout& layout, const TreeId& id);
-/// The only commit point.
-Expected<void> writeState(const RootLayout& layout, const State& state);
+/// How the reading of a record ended.
+enum class Reading {
+    Good,
+    Missing,
+    Damaged, ///< cut, garbage or of wrong types
+};
 
-Expected<void> writeSidecar(const RootLayout& layout, const InstalledTree& tree);
-
-/// A generation that no folder, record or rubbish below the root has ever had.
-Expected<std::uint64_t> nextGeneration(const RootLayout& layout, const State& state);
-
-/// The manifest kept on the disk, its hash verified. NOT_FOUND or BROKEN_OR_MISSING when it is
-/// lost or damaged.
-Expected<Manifest> readSavedManifest(const RootLayout& layout, const InstalledTree& tree);
-
-/// An installation that has begun and not ended well.
-struct Journal
+template <class Record> struct RecordReading
 {
-    InstalledTree tree;                 ///< what it was making
-    std::vector<std::string> downloads; ///< its download files' names begin with these
-    std::chrono::system_clock::time_point when;
-
-    /// Whether the file `name` in the folder of downloads belongs to it.
-    bool needs(std::string_view name) const;
+    Reading reading = Reading::Missing;
+    std::optional<Record> record{};
 };
 
-/// Nothing when there is none or it cannot be understood.
-std::optional<Journal> readJournal(const RootLayout& layout);
-Expected<void> writeJournal(const RootLayout& layout, const Journal& journal);
+/// Fail with UPDATER_DATA_ERROR when the record has a format that this library does not know (a
+/// newer one wrote it: nothing may be changed then), with SYSTEM_CALL_ERROR when it cannot be read.
+Expected<RecordReading<VersionRecord>> readVersionRecord(const std::filesystem::path& file);
+Expected<RecordReading<Switch>> readJournal(const RootLayout& layout);
+
+/// The only commit point of a switch; writes anew in one step.
+Expected<void> writeInstalled(const RootLayout& layout, const VersionRecord& record);
+Expected<void> writeJournal(const RootLayout& layout, const Switch& journal);
+
+/// Numbers as text, ranges joined: "0-4,7". The order is kept.
+std::string writeNumbers(const std::vector<FileNumber>& numbers);
+/// Nothing for a text that is no such list or names a number of `limit` or more.
+std::optional<std::vector<FileNumber>> readNumbers(const std::string& text, FileNumber limit);
 
 } // namespace vl

@@ -18,7 +18,9 @@ void Operation::say(const std::string& text)
 void Operation::beginStage(vlupd::UPD_INSTALLATION_STAGE stage, std::uint64_t done,
                            std::uint64_t total)
 {
-    m_begun = true;
+    if (m_current && stage <= *m_current)
+        return;
+    m_current = stage;
     m_meter.begin(done, total, ProgressMeter::Clock::now());
     if (m_stage && !cancelled()) {
         try {
@@ -52,7 +54,7 @@ bool Operation::pump()
     if (std::this_thread::get_id() != m_callingThread)
         return !cancelled();
     m_log.deliver();
-    if (m_begun && m_meter.due(ProgressMeter::Clock::now()))
+    if (m_current && m_meter.due(ProgressMeter::Clock::now()))
         report();
     return !cancelled();
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -28,7 +29,8 @@ public:
     /// Logs "name: text". Any thread.
     void say(const std::string& text);
 
-    /// Announces a stage and reports once: `done` of `total` bytes. Calling thread.
+    /// Announces a stage and reports once: `done` of `total` bytes. A stage that was announced
+    /// before, or one before it, is passed over: stages only ascend. Calling thread.
     void beginStage(vlupd::UPD_INSTALLATION_STAGE stage, std::uint64_t done, std::uint64_t total);
     /// The plan has changed: `here` more bytes lie on the disk, `remaining` are still to come. What
     /// is done never falls.
@@ -55,7 +57,7 @@ private:
     std::string m_name;
     ProgressMeter m_meter;
     const std::thread::id m_callingThread = std::this_thread::get_id();
-    bool m_begun = false; ///< nothing is reported before the first stage
+    std::optional<vlupd::UPD_INSTALLATION_STAGE> m_current; ///< nothing is reported before one
     std::atomic<bool> m_cancelled{false};
 };
 

@@ -1,6 +1,7 @@
 #include "vl/src/platform/file.h"
 
 #include "vl/src/platform/fileerror.h"
+#include "vl/src/platform/fileobserver.h"
 
 #include <atomic>
 #include <cerrno>
@@ -19,6 +20,18 @@ constexpr std::string_view temporarySuffix = ".vl-tmp";
 std::function<std::optional<int>(FileOperation, const fs::path&)>& faultSeam()
 {
     static std::function<std::optional<int>(FileOperation, const fs::path&)> seam;
+    return seam;
+}
+
+std::atomic<std::chrono::milliseconds>& longPatience()
+{
+    static std::atomic<std::chrono::milliseconds> time{std::chrono::minutes(1)};
+    return time;
+}
+
+FileObserver& observerSeam()
+{
+    static FileObserver seam;
     return seam;
 }
 
@@ -83,9 +96,44 @@ void setFileFault(std::function<std::optional<int>(FileOperation, const fs::path
     faultSeam() = std::move(fault);
 }
 
+std::chrono::milliseconds durationOf(Patience patience)
+{
+    switch (patience) {
+    case Patience::Usual:
+        return std::chrono::seconds(2);
+    case Patience::None:
+        return {};
+    case Patience::Long:
+        return longPatience();
+    }
+    return {};
+}
+
+void setLongPatience(std::chrono::milliseconds time)
+{
+    longPatience() = time;
+}
+
 std::optional<int> fileFault(FileOperation operation, const fs::path& path)
 {
     return faultSeam() ? faultSeam()(operation, path) : std::nullopt;
+}
+
+void setFileObserver(FileObserver observer)
+{
+    observerSeam() = std::move(observer);
+}
+
+void tellRename(const fs::path& from, const fs::path& to)
+{
+    if (observerSeam().renaming)
+        observerSeam().renaming(from, to);
+}
+
+void tellVolumeFlushed(const fs::path& folder)
+{
+    if (observerSeam().volumeFlushed)
+        observerSeam().volumeFlushed(folder);
 }
 
 tl::unexpected<Error> fileFailure(const char* what, const fs::path& path, int error,
@@ -93,6 +141,15 @@ tl::unexpected<Error> fileFailure(const char* what, const fs::path& path, int er
 {
     return failure(code,
                    std::string("cannot ") + what + " " + toUtf8(path) + ": " + systemReason(error));
+}
+
+Expected<void> File::finish()
+{
+    if (const auto fault = fileFault(FileOperation::Finish, m_path))
+        return fileFailure("close", m_path, *fault);
+    auto flushed = syncVolumeWritesContents() ? Expected<void>() : flushRange(0, 0);
+    *this = File();
+    return flushed;
 }
 
 Expected<std::vector<TreeEntry>> listTree(const fs::path& path)

@@ -19,7 +19,7 @@
 // read) and its message names operation, path and the system's reason.
 namespace vl {
 
-/// An open regular file. Closing never reports; call sync() where it matters.
+/// An open regular file. Its destructor closes it without a report.
 class File final
 {
 public:
@@ -47,18 +47,25 @@ public:
     /// Makes this new, empty file share the bytes of `source` until one of them changes. False
     /// where the file system cannot, and nothing has changed then.
     bool cloneFrom(const File& source);
-    /// Lets parts that have not been written take no room and no time. A hint that never fails;
-    /// only Windows needs it.
-    void allowHoles();
     /// Asks the system to begin writing a range to the disk; a hint that never fails or waits long.
     void startWriteback(std::uint64_t offset, std::uint64_t size);
-    /// Writes a range to the disk and waits for it. Durable only after syncVolume().
+    /// Writes a range of a file that was opened for writing to the disk and waits for it; Windows
+    /// writes the whole file. Durable only after syncVolume().
     Expected<void> flushRange(std::uint64_t offset, std::uint64_t size) const;
     /// On the disk when it returns.
     Expected<void> sync();
+    /// Closes a file that is whole. Where syncVolume() does not write contents, they are on the way
+    /// to the disk by then: a handle that wrote can flush cheaply, a new one may be refused.
+    Expected<void> finish();
     bool isOpen() const { return m_handle != closedHandle; }
 
 private:
+    friend class Folder;
+    /// Opens `name` in the folder of the handle; `path` is what messages name.
+    static Expected<File> openIn(std::intptr_t folder, const std::filesystem::path& name,
+                                 const std::filesystem::path& path, Mode mode,
+                                 std::uint32_t permissions);
+
     static constexpr std::intptr_t closedHandle = -1;
     std::intptr_t m_handle = closedHandle;
     std::filesystem::path m_path;
@@ -101,7 +108,12 @@ Expected<void> makeDirectories(const std::filesystem::path& path);
 enum class Patience {
     Usual, ///< ask again for about two seconds: a virus scanner lets go soon
     None,  ///< somebody else will ask again later
+    Long,  ///< ask for a minute: nothing can go on before
 };
+
+/// How long each asks. The long one is a minute unless a test has set it.
+std::chrono::milliseconds durationOf(Patience patience);
+void setLongPatience(std::chrono::milliseconds time);
 
 /// Renames over an existing file; one step.
 Expected<void> renameReplacing(const std::filesystem::path& from, const std::filesystem::path& to,
@@ -119,8 +131,6 @@ Expected<void> removeFile(const std::filesystem::path& path, Patience patience =
 Expected<void> removeTree(
     const std::filesystem::path& path, Patience patience = Patience::Usual,
     std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max());
-/// Whether the system knows the file as a program that is running (not one that is interpreted).
-bool isRunning(const std::filesystem::path& program);
 /// Bytes that this user may still write on the volume of `path`.
 Expected<std::uint64_t> freeSpace(const std::filesystem::path& path);
 
@@ -138,6 +148,7 @@ enum class FileOperation {
     Write,
     Truncate,
     Sync,
+    Finish, ///< closing a whole file
     MakeDirectory,
     Rename,
     Remove,

@@ -1,5 +1,6 @@
 #include "vl/src/platform/file.h"
 #include "vl/src/platform/fileerror.h"
+#include "vl/src/platform/fileobserver.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -80,6 +81,12 @@ File& File::operator=(File&& other) noexcept
 
 Expected<File> File::open(const fs::path& path, Mode mode, std::uint32_t permissions)
 {
+    return openIn(AT_FDCWD, path, path, mode, permissions);
+}
+
+Expected<File> File::openIn(std::intptr_t folder, const fs::path& name, const fs::path& path,
+                            Mode mode, std::uint32_t permissions)
+{
     const auto failed = [&](int error) {
         const bool missing = mode == Mode::Read && error == ENOENT;
         return fileFailure(mode == Mode::Create ? "create" : "open", path, error,
@@ -88,8 +95,9 @@ Expected<File> File::open(const fs::path& path, Mode mode, std::uint32_t permiss
     if (const auto fault = fileFault(FileOperation::Open, path))
         return failed(*fault);
     const int flags = openFlags(mode) | O_CLOEXEC | O_NOFOLLOW;
-    const int opened =
-        retried([&] { return ::open(path.c_str(), flags, static_cast<mode_t>(permissions)); });
+    const int opened = retried([&] {
+        return ::openat(descriptor(folder), name.c_str(), flags, static_cast<mode_t>(permissions));
+    });
     if (opened < 0)
         return failed(errno);
     File file;
@@ -167,8 +175,6 @@ bool File::cloneFrom(const File& source)
 #endif
 }
 
-void File::allowHoles() {}
-
 void File::startWriteback(std::uint64_t offset, std::uint64_t size)
 {
 #if defined(__linux__)
@@ -219,6 +225,7 @@ Expected<void> renameReplacing(const fs::path& from, const fs::path& to, Patienc
 {
     if (const auto fault = fileFault(FileOperation::Rename, to))
         return fileFailure("rename to", to, *fault);
+    tellRename(from, to);
     if (::rename(from.c_str(), to.c_str()) != 0)
         return fileFailure("rename to", to, errno);
     return {};
@@ -252,11 +259,14 @@ Expected<void> syncDirectory(const fs::path& path)
 Expected<void> syncVolume(const fs::path& path)
 {
 #if defined(__linux__)
-    return flushDirectory(path, [](int opened) { return ::syncfs(opened); });
+    auto flushed = flushDirectory(path, [](int opened) { return ::syncfs(opened); });
 #else
     ::sync();
-    return syncDirectory(path);
+    auto flushed = syncDirectory(path);
 #endif
+    if (flushed)
+        tellVolumeFlushed(path);
+    return flushed;
 }
 
 bool syncVolumeWritesContents()

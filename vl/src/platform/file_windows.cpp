@@ -1,9 +1,9 @@
 #include "vl/src/platform/file.h"
 #include "vl/src/platform/fileerror.h"
-#include "vl/src/platform/windowssystem.h"
+#include "vl/src/platform/fileobserver.h"
+#include "vl/src/platform/ntfiles.h"
 
 #include <windows.h>
-#include <winioctl.h>
 #include <winternl.h>
 
 #include <algorithm>
@@ -16,14 +16,8 @@ namespace vl {
 
 namespace {
 
-constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 // A call counts its bytes in 32 bits.
 constexpr std::size_t longestTransfer = 1U << 30U;
-
-HANDLE systemHandle(std::intptr_t handle)
-{
-    return reinterpret_cast<HANDLE>(handle);
-}
 
 OVERLAPPED positionOf(std::uint64_t offset)
 {
@@ -33,28 +27,14 @@ OVERLAPPED positionOf(std::uint64_t offset)
     return position;
 }
 
-DWORD accessFor(File::Mode mode)
+Opening openingFor(File::Mode mode)
 {
-    return mode == File::Mode::Read ? GENERIC_READ : GENERIC_READ | GENERIC_WRITE;
-}
-
-DWORD dispositionFor(File::Mode mode)
-{
-    switch (mode) {
-    case File::Mode::Read:
-        return OPEN_EXISTING;
-    case File::Mode::ReadWrite:
-        return OPEN_ALWAYS;
-    case File::Mode::Create:
-        return CREATE_NEW;
-    }
-    return OPEN_EXISTING;
-}
-
-// A scanner that has the file to itself goes away again; a right that is lacking does not come.
-bool isShut(SystemError error)
-{
-    return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION;
+    Opening opening{.access = FILE_GENERIC_READ, .options = FILE_NON_DIRECTORY_FILE};
+    if (mode == File::Mode::Read)
+        return opening;
+    opening.access |= FILE_GENERIC_WRITE;
+    opening.disposition = mode == File::Mode::Create ? FILE_CREATE : FILE_OPEN_IF;
+    return opening;
 }
 
 // Writes what the system keeps of a file, but does not make the disk empty its own memory: many
@@ -67,19 +47,6 @@ bool writeOut(HANDLE file)
     constexpr ULONG noSync = 2; // FLUSH_FLAGS_NO_SYNC of the driver kit's headers
     IO_STATUS_BLOCK status{};
     return flush != nullptr && flush(file, noSync, nullptr, 0, &status) >= 0;
-}
-
-SystemError openHandle(const std::wstring& name, File::Mode mode, DWORD flags,
-                       std::intptr_t& handle)
-{
-    return retriedWhile(isShut, Patience::Usual, [&]() -> SystemError {
-        // Others may read, write, rename and remove the file meanwhile, as they may elsewhere;
-        // children do not inherit the handle.
-        HANDLE opened = CreateFileW(name.c_str(), accessFor(mode), shareAll, nullptr,
-                                    dispositionFor(mode), FILE_ATTRIBUTE_NORMAL | flags, nullptr);
-        handle = reinterpret_cast<std::intptr_t>(opened);
-        return opened != INVALID_HANDLE_VALUE ? ERROR_SUCCESS : GetLastError();
-    });
 }
 
 } // namespace
@@ -102,41 +69,35 @@ File& File::operator=(File&& other) noexcept
     return *this;
 }
 
+Expected<File> File::open(const fs::path& path, Mode mode, std::uint32_t permissions)
+{
+    return openIn(closedHandle, systemPath(path), path, mode, permissions);
+}
+
 // Rights are inherited from the folder, and what can be executed is told by the name: the
 // permissions say nothing here.
-Expected<File> File::open(const fs::path& path, Mode mode, std::uint32_t /*permissions*/)
+Expected<File> File::openIn(std::intptr_t folder, const fs::path& name, const fs::path& path,
+                            Mode mode, std::uint32_t /*permissions*/)
 {
     const auto failed = [&](auto fail, auto error, bool missing) {
         return fail(mode == Mode::Create ? "create" : "open", path, error,
                     mode == Mode::Read && missing ? vlupd::NOT_FOUND : vlupd::SYSTEM_CALL_ERROR);
     };
-    const auto notRegular = [&] {
-        return failure(vlupd::SYSTEM_CALL_ERROR,
-                       "cannot open " + toUtf8(path) + ": not a regular file");
-    };
     if (const auto fault = fileFault(FileOperation::Open, path))
         return failed(fileFailure, *fault, *fault == ENOENT);
-    const std::wstring name = systemPath(path);
-    File file;
-    file.m_path = path;
-    SystemError error = openHandle(name, mode, FILE_FLAG_OPEN_REPARSE_POINT, file.m_handle);
-    if (error == ERROR_SUCCESS) {
-        FILE_ATTRIBUTE_TAG_INFO tag{};
-        GetFileInformationByHandleEx(systemHandle(file.m_handle), FileAttributeTagInfo, &tag,
-                                     sizeof(tag));
-        if (isLink(tag.FileAttributes, tag.ReparseTag))
-            return notRegular();
-        // What a compressing or a cloud file system keeps behind such a point is the file itself.
-        if ((tag.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
-            CloseHandle(systemHandle(file.m_handle));
-            error = openHandle(name, mode, 0, file.m_handle);
-        }
-    }
-    if (error == ERROR_ACCESS_DENIED)
-        if (const auto info = fileInfo(path); info && *info && (*info)->kind != FileKind::File)
-            return notRegular();
+    HANDLE parent = folder == closedHandle ? nullptr : systemHandle(folder);
+    SystemHandle opened;
+    const SystemError error = retriedWhile(isShut, Patience::Usual, [&] {
+        return openUnlessLink(parent, name.native(), openingFor(mode), opened);
+    });
+    if (error == errorIsFolder || error == errorIsLink)
+        return failure(vlupd::SYSTEM_CALL_ERROR,
+                       "cannot open " + toUtf8(path) + ": not a regular file");
     if (error != ERROR_SUCCESS)
         return failed(systemFailure, error, isMissing(error));
+    File file;
+    file.m_handle = reinterpret_cast<std::intptr_t>(opened.release());
+    file.m_path = path;
     return file;
 }
 
@@ -204,35 +165,22 @@ bool File::cloneFrom(const File& /*source*/)
     return false;
 }
 
-void File::allowHoles()
-{
-    DWORD unused = 0;
-    DeviceIoControl(systemHandle(m_handle), FSCTL_SET_SPARSE, nullptr, 0, nullptr, 0, &unused,
-                    nullptr);
-}
-
 // There is no such hint; the system begins by itself after a second.
 void File::startWriteback(std::uint64_t /*offset*/, std::uint64_t /*size*/) {}
 
-// The system flushes whole files only, so the first range of one takes the longest. It asks for
-// the right to write, which a file opened for reading lacks.
+// The system flushes whole files only, so the first range of one takes the longest.
 Expected<void> File::flushRange(std::uint64_t /*offset*/, std::uint64_t /*size*/) const
 {
     if (const auto fault = fileFault(FileOperation::Sync, m_path))
         return fileFailure("flush", m_path, *fault);
-    HANDLE writable = INVALID_HANDLE_VALUE;
-    SystemError error = retriedWhile(isShut, Patience::Usual, [&]() -> SystemError {
-        writable = ReOpenFile(systemHandle(m_handle), GENERIC_WRITE, shareAll, 0);
-        return writable != INVALID_HANDLE_VALUE ? ERROR_SUCCESS : GetLastError();
-    });
-    if (error != ERROR_SUCCESS)
-        return systemFailure("flush", m_path, error);
-    if (!writeOut(writable) && FlushFileBuffers(writable) == 0)
-        error = GetLastError();
-    CloseHandle(writable);
-    if (error != ERROR_SUCCESS)
-        return systemFailure("flush", m_path, error);
-    return {};
+    if (writeOut(systemHandle(m_handle)) || FlushFileBuffers(systemHandle(m_handle)) != 0)
+        return {};
+    const SystemError error = GetLastError();
+    // There is nothing more to do on a volume that flushes no files.
+    if (error == ERROR_INVALID_FUNCTION || error == ERROR_NOT_SUPPORTED ||
+        error == ERROR_ACCESS_DENIED)
+        return {};
+    return systemFailure("flush", m_path, error);
 }
 
 Expected<void> File::sync()
@@ -250,6 +198,7 @@ Expected<void> renameReplacing(const fs::path& from, const fs::path& to, Patienc
 {
     if (const auto fault = fileFault(FileOperation::Rename, to))
         return fileFailure("rename to", to, *fault);
+    tellRename(from, to);
     const std::wstring source = systemPath(from);
     const std::wstring target = systemPath(to);
     const SystemError error = retriedWhile(isHeld, patience, [&]() -> SystemError {
@@ -286,7 +235,10 @@ Expected<void> syncDirectory(const fs::path& path)
 // file, so the names are all that is left.
 Expected<void> syncVolume(const fs::path& path)
 {
-    return syncDirectory(path);
+    auto flushed = syncDirectory(path);
+    if (flushed)
+        tellVolumeFlushed(path);
+    return flushed;
 }
 
 bool syncVolumeWritesContents()

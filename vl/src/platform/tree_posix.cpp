@@ -104,15 +104,6 @@ Expected<void> makeDirectories(const fs::path& path)
     return {};
 }
 
-bool isRunning(const fs::path& program)
-{
-    const int file = ::open(program.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    const bool running = file < 0 && errno == ETXTBSY;
-    if (file >= 0)
-        ::close(file);
-    return running;
-}
-
 Expected<void> removeFile(const fs::path& path, Patience /*patience*/)
 {
     if (const auto fault = fileFault(FileOperation::Remove, path))

@@ -160,19 +160,6 @@ Expected<void> makeDirectories(const fs::path& path)
     return systemFailure("make folder", path, error, folderFailureCode(full));
 }
 
-bool isRunning(const fs::path& program)
-{
-    const std::wstring name = systemPath(program);
-    allowWriting(name);
-    HANDLE opened = CreateFileW(name.c_str(), GENERIC_WRITE,
-                                FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
-                                OPEN_EXISTING, FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
-    if (opened == INVALID_HANDLE_VALUE)
-        return GetLastError() == ERROR_SHARING_VIOLATION;
-    CloseHandle(opened);
-    return false;
-}
-
 Expected<void> removeFile(const fs::path& path, Patience patience)
 {
     if (const auto fault = fileFault(FileOperation::Remove, path))

@@ -18,7 +18,6 @@ namespace {
 
 constexpr std::chrono::milliseconds firstPause{5};
 constexpr std::chrono::milliseconds longestPause{250};
-constexpr std::chrono::milliseconds patienceAtMost{2000};
 
 constexpr std::wstring_view networkPrefix = LR"(\\)";
 constexpr std::wstring_view verbatimPrefix = LR"(\\?\)";
@@ -132,7 +131,7 @@ tl::unexpected<Error> systemFailure(const char* what, const fs::path& path, Syst
     std::string reason = condition.category() == std::generic_category()
                              ? systemReason(condition.value()) + " "
                              : std::string();
-    if (error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION)
+    if (isShut(error))
         reason = "held open by another program ";
     return failure(code, std::string("cannot ") + what + " " + toUtf8(path) + ": " + reason +
                              "(Windows error " + std::to_string(error) + ")");
@@ -157,20 +156,24 @@ bool isLink(unsigned long attributes, unsigned long tag)
            (tag == 0 || IsReparseTagNameSurrogate(tag));
 }
 
-bool isHeld(SystemError error)
+bool isShut(SystemError error)
 {
     return error == ERROR_SHARING_VIOLATION || error == ERROR_LOCK_VIOLATION ||
-           error == ERROR_ACCESS_DENIED || error == ERROR_USER_MAPPED_FILE;
+           error == ERROR_DELETE_PENDING;
+}
+
+bool isHeld(SystemError error)
+{
+    return isShut(error) || error == ERROR_ACCESS_DENIED || error == ERROR_USER_MAPPED_FILE;
 }
 
 SystemError retriedWhile(bool (*passes)(SystemError), Patience patience,
                          const std::function<SystemError()>& call)
 {
     using Clock = std::chrono::steady_clock;
-    const auto end = Clock::now() + patienceAtMost;
+    const auto end = Clock::now() + durationOf(patience);
     SystemError error = call();
-    for (auto pause = firstPause;
-         patience == Patience::Usual && passes(error) && Clock::now() + pause < end;
+    for (auto pause = firstPause; passes(error) && Clock::now() + pause < end;
          pause = std::min(2 * pause, longestPause)) {
         std::this_thread::sleep_for(pause);
         error = call();

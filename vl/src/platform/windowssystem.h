@@ -32,11 +32,16 @@ void allowWriting(const std::wstring& systemPath);
 /// The others stand for compressed files, files of a cloud folder and the like.
 bool isLink(unsigned long attributes, unsigned long tag);
 
+/// Whether `error` means that another program (a virus scanner) has the file to itself, or still
+/// has it open after it was removed. Such a program goes away again; a right that is lacking does
+/// not come.
+bool isShut(SystemError error);
+
 /// Whether `error` means that another program (a running simulator, a virus scanner) has the file
 /// open. Lack of a right looks the same where something is renamed or removed.
 bool isHeld(SystemError error);
 
-/// Repeats `call` with growing pauses, about two seconds long, until it gives an error that
+/// Repeats `call` with growing pauses, as long as `patience` says, until it gives an error that
 /// `passes` does not know, or 0, and returns that. The patience `None` makes one call.
 SystemError retriedWhile(bool (*passes)(SystemError), Patience patience,
                          const std::function<SystemError()>& call);

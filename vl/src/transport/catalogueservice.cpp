@@ -24,10 +24,12 @@ using CataloguePointer = std::shared_ptr<const Catalogue>;
 // Longer than the transport takes to notice the abort flag.
 constexpr std::chrono::milliseconds joinPatience{200};
 
+constexpr std::uint64_t unknownSize = 0; ///< of a manifest that no catalogue lists
+
 Expected<Manifest> readVerified(const std::string& text, const ManifestReference& reference,
                                 const std::string& version)
 {
-    if (text.size() != reference.size)
+    if (reference.size != unknownSize && text.size() != reference.size)
         return failure(vlupd::CONTENT_LEN_ERROR, std::to_string(text.size()) + " bytes, " +
                                                      std::to_string(reference.size) +
                                                      " were expected");
@@ -262,7 +264,19 @@ Expected<Manifest> CatalogueService::manifest(const Catalogue& catalogue,
     const auto listed = catalogue.manifests.find(version);
     if (listed == catalogue.manifests.end())
         return failure(vlupd::NOT_FOUND, "the catalogue lists no version " + version);
-    const ManifestReference& reference = listed->second;
+    return fetchManifest(listed->second, version, source, operation);
+}
+
+Expected<Manifest> CatalogueService::manifestByHash(const Hash& hash, const std::string& version,
+                                                    Source& source, Operation& operation)
+{
+    return fetchManifest({.size = unknownSize, .hash = hash}, version, source, operation);
+}
+
+Expected<Manifest> CatalogueService::fetchManifest(const ManifestReference& reference,
+                                                   const std::string& version, Source& source,
+                                                   Operation& operation)
+{
     const std::filesystem::path saved = savedManifestPath(m_shared->root, reference.hash);
     if (const auto text = readWholeFile(saved, maxManifestSize)) {
         if (Expected<Manifest> manifest = readVerified(*text, reference, version))
@@ -270,7 +284,8 @@ Expected<Manifest> CatalogueService::manifest(const Catalogue& catalogue,
         operation.say("the saved manifest " + toUtf8(saved) + " is damaged, fetching it again");
     }
     DocumentRequest request{.path = manifestPath(reference.hash),
-                            .maxSize = reference.size,
+                            .maxSize =
+                                reference.size != unknownSize ? reference.size : maxManifestSize,
                             .cancelled = [&operation] { return !operation.pump(); }};
     for (;; request.uncached = true) {
         Expected<std::string> text = source.fetchDocument(request);

@@ -51,8 +51,17 @@ public:
     Expected<Manifest> manifest(const Catalogue& catalogue, const std::string& version,
                                 Source& source, Operation& operation);
 
+    /// The manifest with that hash, fetched and saved; for a version that the catalogue may no
+    /// longer list. Fails as manifest() does.
+    Expected<Manifest> manifestByHash(const Hash& hash, const std::string& version, Source& source,
+                                      Operation& operation);
+
 private:
     struct Shared;
+
+    Expected<Manifest> fetchManifest(const ManifestReference& reference, const std::string& version,
+                                     Source& source, Operation& operation);
+
     std::shared_ptr<Shared> m_shared;
 };
 

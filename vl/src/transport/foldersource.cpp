@@ -24,17 +24,17 @@ tl::unexpected<Error> transferFailure(const Error& error)
 
 // Waits until `bytes` since `start` are no faster than the limit. False when the operation ends.
 bool keepLimit(Clock::time_point start, std::uint64_t bytes, std::uint64_t bytesPerSecond,
-               Operation& operation)
+               const std::function<bool()>& goOn)
 {
     if (bytesPerSecond == 0)
-        return operation.pump();
+        return goOn();
     const std::chrono::duration<double> least(static_cast<double>(bytes) /
                                               static_cast<double>(bytesPerSecond));
     const auto due = start + std::chrono::duration_cast<Clock::duration>(least);
-    bool goesOn = operation.pump();
+    bool goesOn = goOn();
     for (auto now = Clock::now(); goesOn && now < due; now = Clock::now()) {
         std::this_thread::sleep_for(std::min<Clock::duration>(due - now, longestSleep));
-        goesOn = operation.pump();
+        goesOn = goOn();
     }
     return goesOn;
 }
@@ -71,7 +71,8 @@ Expected<std::string> FolderSource::fetchDocument(const DocumentRequest& request
 }
 
 Expected<void> FolderSource::fetchRange(const std::string& path, std::uint64_t fileSize,
-                                        ByteRange range, Operation& operation, const Sink& sink)
+                                        ByteRange range, Operation& operation, const Sink& sink,
+                                        const std::stop_token& stop)
 {
     const std::filesystem::path name = fileAt(path);
     const Expected<File> file = File::open(name, File::Mode::Read);
@@ -91,6 +92,7 @@ Expected<void> FolderSource::fetchRange(const std::string& path, std::uint64_t f
             ? pieceSize
             : std::clamp<std::uint64_t>(m_maxBytesPerSecond / 20, 1024, pieceSize);
     std::vector<std::byte> piece(static_cast<std::size_t>(step));
+    const auto goOn = [&] { return !stop.stop_requested() && operation.pump(); };
     const auto start = Clock::now();
     for (std::uint64_t done = 0; done < range.size;) {
         const auto wanted = static_cast<std::size_t>(std::min(step, range.size - done));
@@ -105,7 +107,7 @@ Expected<void> FolderSource::fetchRange(const std::string& path, std::uint64_t f
         if (Expected<void> taken = sink(bytes); !taken)
             return taken;
         done += wanted;
-        if (!keepLimit(start, done, m_maxBytesPerSecond, operation))
+        if (!keepLimit(start, done, m_maxBytesPerSecond, goOn))
             return failure(vlupd::UNKNOWN_ERROR, toUtf8(name) + ": ended by the caller");
     }
     return {};

@@ -14,7 +14,8 @@ public:
 
     Expected<std::string> fetchDocument(const DocumentRequest& request) override;
     Expected<void> fetchRange(const std::string& path, std::uint64_t fileSize, ByteRange range,
-                              Operation& operation, const Sink& sink) override;
+                              Operation& operation, const Sink& sink,
+                              const std::stop_token& stop) override;
     std::string describe() const override;
 
 private:

@@ -1,15 +1,22 @@
 #include "vl/src/transport/framedownload.h"
 
 #include "vl/src/operation/workers.h"
-#include "vl/src/transport/partfile.h"
 
 #include <algorithm>
 #include <atomic>
+#include <optional>
 #include <utility>
 
 namespace vl {
 
 namespace {
+
+// A row of neighbouring frames is cut into this many requests at most, none of them smaller than
+// this many bytes: connections that are as fast as each other then end at about the same time.
+constexpr std::uint64_t requestsPerDownload = 16;
+constexpr std::uint64_t smallestRequest = 32U << 20U;
+// Frames that arrive lie in memory, and are lost if the process ends: this many bytes at the most.
+constexpr std::uint64_t bytesOnTheWay = 32U << 20U;
 
 /// Neighbouring frames, `first` up to but not with `end`.
 struct Stretch
@@ -18,33 +25,56 @@ struct Stretch
     std::size_t end = 0;
 };
 
-std::vector<Stretch> stretchesOf(const std::vector<std::size_t>& frames)
+/// Whole chains that one connection fetches.
+using Job = std::vector<Stretch>;
+
+std::vector<Job> jobsOf(const FrameFile& file, const std::vector<FrameChain>& chains)
 {
-    std::vector<Stretch> stretches;
-    for (const std::size_t frame : frames) {
-        if (stretches.empty() || stretches.back().end != frame)
-            stretches.push_back({frame, frame});
-        stretches.back().end = frame + 1;
+    std::uint64_t all = 0;
+    for (const FrameChain& chain : chains)
+        for (const std::size_t frame : chain)
+            all += file.frames[frame].size;
+    const std::uint64_t enough = std::max(all / requestsPerDownload, smallestRequest);
+    std::vector<Job> jobs;
+    std::uint64_t bytes = 0;
+    for (const FrameChain& chain : chains) {
+        const bool isNeighbour = !jobs.empty() && jobs.back().back().end == chain.front();
+        if (!isNeighbour || bytes >= enough) {
+            jobs.emplace_back();
+            bytes = 0;
+        }
+        for (const std::size_t frame : chain) {
+            Job& job = jobs.back();
+            if (job.empty() || job.back().end != frame)
+                job.push_back({frame, frame});
+            job.back().end = frame + 1;
+            bytes += file.frames[frame].size;
+        }
     }
-    return stretches;
+    return jobs;
 }
 
-/// What the transfers of one download share.
-struct Download
+std::size_t transfersFor(const FrameFile& file, const std::vector<FrameChain>& chains,
+                         std::size_t jobs)
 {
-    const FrameFile& file;
-    PartFile part;
-    Operation& operation;
-    const FrameReady& frameReady;
-};
+    std::uint64_t largest = 1;
+    for (const FrameChain& chain : chains)
+        for (const std::size_t frame : chain)
+            largest = std::max(largest, file.frames[frame].size);
+    const auto bounded = static_cast<std::size_t>(
+        std::clamp<std::uint64_t>(bytesOnTheWay / largest, 1, maxTransfers));
+    return std::min(bounded, jobs);
+}
 
 /// Fetches stretches over one connection, one after the other.
 class Transfer final
 {
 public:
-    /// `stop`: asked for when another transfer of the download has failed.
-    Transfer(Download& download, Source& source, std::stop_token stop)
-        : m_download(download), m_source(source), m_stop(std::move(stop))
+    /// `take`: takes a verified frame. `stop`: asked for when another transfer has failed.
+    Transfer(const FrameFile& file, Source& source, Operation& operation, std::stop_token stop,
+             std::function<Expected<void>(std::size_t, std::span<const std::byte>)> take)
+        : m_file(file), m_source(source), m_operation(operation), m_stop(std::move(stop)),
+          m_take(std::move(take))
     {
     }
 
@@ -52,18 +82,19 @@ public:
 
 private:
     Expected<void> fetchOnce(std::size_t end);
-    Expected<void> take(std::span<const std::byte> bytes);
+    Expected<void> receive(std::span<const std::byte> bytes);
     Expected<void> finishFrame();
-    const Frame& frame() const { return m_download.file.frames[m_frame]; }
+    const Frame& frame() const { return m_file.frames[m_frame]; }
 
-    Download& m_download;
+    const FrameFile& m_file;
     Source& m_source;
+    Operation& m_operation;
     const std::stop_token m_stop;
-    std::size_t m_frame = 0;      ///< the first one that is not ready
-    std::uint64_t m_position = 0; ///< of the next byte to arrive
-    std::uint64_t m_counted = 0;  ///< bytes up to here stand in the progress
-    bool m_damaged = false;       ///< the last transfer ended with a damaged frame
-    Hasher m_hasher;
+    const std::function<Expected<void>(std::size_t, std::span<const std::byte>)> m_take;
+    std::size_t m_frame = 0;        ///< the one that arrives
+    std::vector<std::byte> m_bytes; ///< of it, so far
+    std::uint64_t m_counted = 0;    ///< bytes up to here stand in the progress
+    bool m_damaged = false;         ///< the last transfer ended with a damaged frame
 };
 
 /// A damaged frame is fetched twice.
@@ -79,136 +110,91 @@ Expected<void> Transfer::fetch(const Stretch& stretch)
         if (!m_damaged || fetchedAgain == m_frame)
             return fetched;
         fetchedAgain = m_frame;
-        m_download.operation.say("download " + fetched.error().message + "; fetching it once more");
+        m_operation.say("download " + fetched.error().message + "; fetching it once more");
     }
     return {};
 }
 
 Expected<void> Transfer::fetchOnce(std::size_t end)
 {
-    const Frame& last = m_download.file.frames[end - 1];
-    m_position = frame().offset;
+    const Frame& last = m_file.frames[end - 1];
+    m_bytes.clear();
     m_damaged = false;
-    m_hasher = Hasher();
-    const ByteRange range{m_position, last.offset + last.size - m_position};
-    return m_source.fetchRange(m_download.file.path, m_download.file.size, range,
-                               m_download.operation,
-                               [this](std::span<const std::byte> bytes) { return take(bytes); });
+    const ByteRange range{frame().offset, last.offset + last.size - frame().offset};
+    return m_source.fetchRange(
+        m_file.path, m_file.size, range, m_operation,
+        [this](std::span<const std::byte> bytes) { return receive(bytes); }, m_stop);
 }
 
-Expected<void> Transfer::take(std::span<const std::byte> bytes)
+Expected<void> Transfer::receive(std::span<const std::byte> bytes)
 {
-    if (m_stop.stop_requested())
-        return tl::unexpected(endedByCaller()); // hidden behind the failure that asked for it
     while (!bytes.empty()) {
-        const std::uint64_t missing = frame().offset + frame().size - m_position;
+        if (m_stop.stop_requested())
+            return tl::unexpected(endedByCaller()); // hidden behind the failure that asked for it
+        if (m_bytes.empty())
+            m_bytes.reserve(static_cast<std::size_t>(frame().size));
+        const std::uint64_t missing = frame().size - m_bytes.size();
         const std::span piece =
             bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(missing, bytes.size())));
-        if (Expected<void> written = m_download.part.write(m_position, piece); !written)
-            return written;
-        m_hasher.update(piece);
-        m_position += piece.size();
+        m_bytes.insert(m_bytes.end(), piece.begin(), piece.end());
         bytes = bytes.subspan(piece.size());
         // What is fetched again has been counted before.
-        if (m_position > m_counted) {
-            if (!m_download.part.hadArrived(m_frame))
-                m_download.operation.addDone(m_position - m_counted);
-            m_counted = m_position;
+        const std::uint64_t position = frame().offset + m_bytes.size();
+        if (position > m_counted) {
+            m_operation.addDone(position - m_counted);
+            m_counted = position;
         }
-        if (piece.size() == missing) {
+        if (piece.size() == missing)
             if (Expected<void> finished = finishFrame(); !finished)
                 return finished;
-        }
     }
     return {};
 }
 
 Expected<void> Transfer::finishFrame()
 {
-    if (m_hasher.finish() != frame().hash) {
+    if (hashOf(m_bytes) != frame().hash) {
         m_damaged = true;
         return failure(vlupd::BROKEN_OR_MISSING,
-                       m_source.describe() + '/' + m_download.file.path + ": the frame of " +
+                       m_source.describe() + '/' + m_file.path + ": the frame of " +
                            std::to_string(frame().size) + " bytes at byte " +
                            std::to_string(frame().offset) + " arrived damaged");
     }
-    if (Expected<void> marked = m_download.part.markArrived(m_frame); !marked)
-        return marked;
-    if (Expected<void> taken = m_download.frameReady(m_frame); !taken)
+    if (Expected<void> taken = m_take(m_frame, m_bytes); !taken)
         return taken;
+    m_bytes.clear();
     ++m_frame;
     return {};
-}
-
-/// Hands on the wanted frames that are here and returns the others.
-Expected<std::vector<std::size_t>> takePresent(Download& download,
-                                               const std::vector<std::size_t>& wanted)
-{
-    std::vector<std::size_t> missing;
-    for (const std::size_t index : wanted) {
-        Expected<bool> whole = false;
-        if (download.part.hadArrived(index)) {
-            whole = download.part.isWhole(index, download.operation);
-            if (!whole)
-                return failure("download " + download.file.path, whole.error());
-            if (!*whole)
-                download.operation.say("download " + download.file.path +
-                                       ": the part file is damaged in the frame at byte " +
-                                       std::to_string(download.file.frames[index].offset) +
-                                       ", fetching it again");
-        }
-        if (!*whole)
-            missing.push_back(index);
-        else if (Expected<void> taken = download.frameReady(index); !taken)
-            return tl::unexpected(std::move(taken).error());
-    }
-    return missing;
-}
-
-Expected<void> fetchScattered(Download& download, const std::vector<Stretch>& stretches,
-                              const OpenSource& openSource)
-{
-    std::atomic<std::size_t> next{0};
-    const std::size_t transfers = std::min(maxTransfers, stretches.size());
-    Workers workers(transfers, [&](const std::stop_token& stop) -> Expected<void> {
-        auto source = openSource(transfers);
-        if (!source)
-            return tl::unexpected(std::move(source).error());
-        Transfer transfer(download, **source, stop);
-        for (std::size_t i = next++; i < stretches.size(); i = next++) {
-            if (stop.stop_requested())
-                break;
-            if (auto done = transfer.fetch(stretches[i]); !done)
-                return done;
-        }
-        return {};
-    });
-    return workers.finish(download.operation);
 }
 
 } // namespace
 
 Expected<void> downloadFrames(const OpenSource& openSource, const FrameFile& file,
-                              const std::vector<std::size_t>& wanted,
-                              const std::filesystem::path& partFile, Operation& operation,
-                              const FrameReady& frameReady)
+                              const std::vector<FrameChain>& chains, Operation& operation,
+                              const FrameSink& sink)
 {
-    auto part = PartFile::open(partFile, file.frames);
-    if (!part)
-        return tl::unexpected(std::move(part).error());
-    Download download{file, std::move(*part), operation, frameReady};
-    const auto missing = takePresent(download, wanted);
-    if (!missing)
-        return tl::unexpected(missing.error());
-    const std::vector<Stretch> stretches = stretchesOf(*missing);
-    if (stretches.size() > 1)
-        return fetchScattered(download, stretches, openSource);
-    if (stretches.empty())
+    const std::vector<Job> jobs = jobsOf(file, chains);
+    if (jobs.empty())
         return {};
-    auto source = openSource(1);
-    if (!source)
-        return tl::unexpected(std::move(source).error());
-    return Transfer(download, **source, {}).fetch(stretches.front());
+    std::atomic<std::size_t> nextJob{0};
+    std::atomic<std::size_t> nextTransfer{0};
+    const std::size_t transfers = transfersFor(file, chains, jobs.size());
+    Workers workers(transfers, [&](const std::stop_token& stop) -> Expected<void> {
+        const std::size_t number = nextTransfer++;
+        auto source = openSource(transfers);
+        if (!source)
+            return tl::unexpected(std::move(source).error());
+        Transfer transfer(file, **source, operation, stop,
+                          [&sink, number](std::size_t frame, std::span<const std::byte> bytes) {
+                              return sink(number, frame, bytes);
+                          });
+        for (std::size_t i = nextJob++; i < jobs.size() && !stop.stop_requested(); i = nextJob++)
+            for (const Stretch& stretch : jobs[i])
+                if (auto done = transfer.fetch(stretch); !done)
+                    return done;
+        return {};
+    });
+    return workers.finish(operation);
 }
 
 } // namespace vl

@@ -6,9 +6,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -25,22 +25,26 @@ struct FrameFile
 /// Makes one more connection to the repository, one of `transfers` that share its speed limit. Any
 /// thread.
 using OpenSource = std::function<Expected<std::unique_ptr<Source>>(std::size_t transfers)>;
-/// Called once per frame when its verified bytes are in the part file, in frame order within a
-/// stretch of neighbouring frames. Any thread; a failure ends the download.
-using FrameReady = std::function<Expected<void>(std::size_t frameIndex)>;
 
-/// Transfers that run at a time where frames lie scattered; neighbouring frames are one transfer.
+/// Frames that one thread has to take one after the other, ascending: files run across their
+/// borders.
+using FrameChain = std::vector<std::size_t>;
+
+/// Takes the verified bytes of a frame. Called on the thread of connection `transfer` (0 ...
+/// maxTransfers - 1), for the frames of a chain in order. A failure ends the download.
+using FrameSink = std::function<Expected<void>(std::size_t transfer, std::size_t frame,
+                                               std::span<const std::byte> bytes)>;
+
+/// Connections that run at a time.
 inline constexpr std::size_t maxTransfers = 4;
 
-/// Brings the frames `wanted` (ascending) of `file` into `partFile`, going on from what lies there:
-/// frames already present are verified, not trusted. Every frame is hashed as it arrives; a damaged
-/// one is fetched once more and then fails with BROKEN_OR_MISSING, naming the address and the
-/// offset. Counts bytes on `operation` (its stage has begun) but those of the frames that
-/// arrivedBytes() has told of. On any failure the verified frames stay. Runs on the calling thread
-/// and pumps `operation`.
+/// Fetches the frames of `chains` (ascending) over several connections, each frame whole into
+/// memory, where it is verified by its hash before `sink` takes it. Neighbouring frames are one
+/// request as far as they can be. A damaged frame is fetched once more and then fails with
+/// BROKEN_OR_MISSING, naming the address and the offset. Counts the bytes on `operation`, which is
+/// pumped on the calling thread.
 Expected<void> downloadFrames(const OpenSource& openSource, const FrameFile& file,
-                              const std::vector<std::size_t>& wanted,
-                              const std::filesystem::path& partFile, Operation& operation,
-                              const FrameReady& frameReady);
+                              const std::vector<FrameChain>& chains, Operation& operation,
+                              const FrameSink& sink);
 
 } // namespace vl

@@ -171,14 +171,15 @@ Expected<std::string> HttpSource::fetchDocument(const DocumentRequest& request)
 }
 
 Expected<void> HttpSource::fetchRange(const std::string& path, std::uint64_t fileSize,
-                                      ByteRange range, Operation& operation, const Sink& sink)
+                                      ByteRange range, Operation& operation, const Sink& sink,
+                                      const std::stop_token& stop)
 {
     if (range.offset > fileSize || range.size > fileSize - range.offset)
         return failure(vlupd::UPDATER_DATA_ERROR, path + ": a range beyond the end of the file");
     HttpRequest question{.address = addressOf(path), .maxBytesPerSecond = m_maxBytesPerSecond};
     const std::string shown = withoutCredentials(question.address);
-    const auto pump = [&operation]() -> Expected<void> {
-        if (!operation.pump())
+    const auto pump = [&]() -> Expected<void> {
+        if (stop.stop_requested() || !operation.pump())
             return failure(vlupd::UNKNOWN_ERROR, "ended by the caller");
         return {};
     };

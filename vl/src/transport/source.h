@@ -12,6 +12,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <stop_token>
 #include <string>
 
 namespace vl {
@@ -69,9 +70,11 @@ public:
 
     /// The bytes of `range` of the file at `path`, in order, each exactly once, however often the
     /// connection has to be made anew. `fileSize` is the signed size of the whole file: a server
-    /// that tells another one is refused. Runs on the calling thread and pumps `operation`.
+    /// that tells another one is refused. Runs on the calling thread and pumps `operation`. A
+    /// request of `stop` ends it as soon as the end of the operation does.
     virtual Expected<void> fetchRange(const std::string& path, std::uint64_t fileSize,
-                                      ByteRange range, Operation& operation, const Sink& sink) = 0;
+                                      ByteRange range, Operation& operation, const Sink& sink,
+                                      const std::stop_token& stop) = 0;
 
     /// The address or folder, for log lines.
     virtual std::string describe() const = 0;
