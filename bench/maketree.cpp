@@ -4,6 +4,9 @@
 //   bench_maketree edit FOLDER      turns that release into the next one, by scattered edits
 //   bench_maketree tiny FOLDER      a release of 20,000 files of 0 to 3,000 bytes
 //   bench_maketree many FOLDER      100,000 small files in 1,000 folders
+//   bench_maketree large FOLDER     a release of 2 GiB: 120 files of 16 MiB and 2,000 small ones
+//   bench_maketree patch FOLDER     turns that into the next one: five small files and one of 16
+//   MiB
 #include <algorithm>
 #include <array>
 #include <cstdint>
@@ -161,18 +164,45 @@ void makeMany(const fs::path& folder)
                       content.number(0, 200));
 }
 
+void makeLarge(const fs::path& folder)
+{
+    Content content;
+    for (int i = 0; i < 120; ++i)
+        content.write(folder / "terrain" / ("tile" + std::to_string(i) + ".bin"), 16 * mebibyte);
+    for (int i = 0; i < 2000; ++i)
+        content.write(folder / "data" / std::to_string(i / 100) / (std::to_string(i) + ".dat"),
+                      content.number(0, 128U << 10U));
+}
+
+void patchLarge(const fs::path& folder)
+{
+    Content content;
+    content.piece(1);
+    for (int i = 0; i < 2000; i += 400)
+        content.write(folder / "data" / std::to_string(i / 100) / (std::to_string(i) + ".dat"),
+                      content.number(0, 128U << 10U));
+    std::fstream tile(folder / "terrain/tile7.bin",
+                      std::ios::in | std::ios::out | std::ios::binary);
+    tile.seekp(5 * mebibyte);
+    tile << content.piece(300);
+    tile.close();
+    if (!tile)
+        throw std::runtime_error("cannot write terrain/tile7.bin");
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
     static const std::map<std::string_view, void (*)(const fs::path&)> kinds = {
-        {"release", makeRelease}, {"edit", editRelease}, {"sample", makeSample},
-        {"tiny", makeTiny},       {"many", makeMany},
+        {"release", makeRelease}, {"edit", editRelease}, {"sample", makeSample}, {"tiny", makeTiny},
+        {"many", makeMany},       {"large", makeLarge},  {"patch", patchLarge},
     };
     const auto kind = argc == 3 ? kinds.find(argv[1]) : kinds.end();
     try {
         if (kind == kinds.end())
-            throw std::runtime_error("usage: bench_maketree release|edit|sample|tiny|many FOLDER");
+            throw std::runtime_error(
+                "usage: bench_maketree release|edit|sample|tiny|many|large|patch FOLDER");
         kind->second(argv[2]);
     } catch (const std::exception& error) {
         std::cerr << error.what() << '\n';

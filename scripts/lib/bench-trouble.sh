@@ -15,8 +15,8 @@ bench_resume() {
         "$bin/bench_library" install "$root" 1.0.0 >"$work/output"
         counted release
         note "resume$percent" ours "$(mebibytes "$((sent - before - (pack - had)))")"
-        note "resume$percent" rival 16
-        row "resume$percent" 1 M "cut at $percent %, fetched twice / a frame of 16 MiB"
+        note "resume$percent" rival 32
+        row "resume$percent" 1 M "cut at $percent %, fetched twice / 32 MiB"
     done
 }
 

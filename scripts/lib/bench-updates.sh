@@ -58,7 +58,7 @@ new_root_with_old() {
 mebibytes() { calculate "$1 / 1048576"; }
 
 # Only memory that our own side takes goes into the table's last row.
-note_peak() { note peak ours "$(calculate "$(cat "$work/output") / 1024")"; }
+note_peak() { note peak ours "$(calculate "$(value memory) / 1024")"; }
 
 patch_with_zstd() { zstd -q -19 --patch-from="$1" "$2" -o "$3"; }
 patch_with_xdelta3() { xdelta3 -e -9 -f -B "$(($(stat -c %s "$1") + 1048576))" -s "$1" "$2" "$3"; }
@@ -188,7 +188,7 @@ bench_pair() {
         counted "$name"
         note "$name.bytes" ours "$(mebibytes "$((sent - before))")"
     done
-    diff -r "$pair/new" "$root"/versions/*/ >&2 || { echo "The update went wrong." >&2; return 1; }
+    diff -r "$pair/new" "$root/simulator" >&2 || { echo "The update went wrong." >&2; return 1; }
     kill "$rsync_daemon"
 
     for tool in zstd xdelta3 bsdiff zsync casync; do

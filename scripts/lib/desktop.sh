@@ -9,6 +9,7 @@ main_window= # X window id
 menu=        # the side menu's, once it has been opened
 scale=1
 step=0
+still_window=root # in which settle waits for the end of all changes
 
 desktop_end() {
     local status=$? process
@@ -74,11 +75,11 @@ log_mark() {
 }
 log_says() { tail -c "+$log_start" "$log" 2>/dev/null | grep -qE -- "$1"; }
 
-# The picture of the desktop stands still: what was pressed has been drawn.
+# The picture of the desktop (or of $still_window) stands still: what was pressed has been drawn.
 settle() {
     local before='' now
     for _ in {1..40}; do
-        now=$(import -silent -window root ppm:- | cksum)
+        now=$(import -silent -window "$still_window" ppm:- | cksum)
         [ "$now" != "$before" ] || return 0
         before=$now
     done

@@ -9,11 +9,20 @@ help_button=(-165 21)
 close_button=(-28 21)
 
 installed_version() {
-    sed -n '/"installed": {/,/}/s/.*"version": "\(.*\)".*/\1/p' "$folder/installed.json" 2>/dev/null
+    sed -n 's/^ "version": "\(.*\)".*/\1/p' "$folder/installed.json" 2>/dev/null
 }
 installed_is() { [ "$(installed_version)" = "$1" ]; }
-downloaded_bytes() { find "$folder/downloads" -type f -printf '%s\n' 2>/dev/null | sort -n | tail -n 1; }
-half_has_arrived() { [ "$(downloaded_bytes)" -gt 14000000 ]; }
+
+# Half of the new files of 1.1.0 have been built.
+half_is_staged() {
+    [ "$(find "$folder/simulator.vl" -type f -printf '%s\n' 2>/dev/null |
+        awk '{ sum += $1 } END { print sum + 0 }')" -gt 6000000 ]
+}
+# bytes_to_fetch VERSION: of its last installation since the launcher was started, by the log.
+bytes_to_fetch() {
+    tail -c "+$log_start" "$log" |
+        sed -n "s/.*installVersion $1: plan: .*, \([0-9]*\) bytes to fetch.*/\1/p" | tail -n 1
+}
 
 version_list() { # the opened list's window
     xdotool search --onlyvisible --pid "$launcher" 2>/dev/null |
@@ -56,16 +65,25 @@ expect_installed() {
     wait_until 10 "the message to close" no_dialog
 }
 
-start_simulator() {
-    local window
+open_simulator() {
     press_run
     wait_until 30 "the simulator's window" window_named "^Учебный симулятор $1\$"
-    window=$(window_named "^Учебный симулятор $1\$")
-    settle
-    shot "simulator-$1"
-    xdotool windowfocus --sync "$window" key Escape
+    simulator_window=$(window_named "^Учебный симулятор $1\$")
+}
+
+end_simulator() {
+    xdotool windowfocus --sync "$simulator_window" key Escape
     wait_until 10 "the simulator to end" sh -c "! xdotool search --name '^Учебный симулятор'"
 }
+
+start_simulator() {
+    open_simulator "$1"
+    settle
+    shot "simulator-$1"
+    end_simulator
+}
+
+launcher_in_front() { [ "$(xdotool getactivewindow)" = "$main_window" ]; }
 
 step_first_start() {
     say "First start: nothing is installed yet"
@@ -96,6 +114,26 @@ step_start_first() {
     start_simulator 1.0.0
 }
 
+step_update_in_flight() {
+    say "Updating to 1.1.0 while the simulator flies: the switch waits for its end"
+    open_simulator 1.0.0
+    xdotool windowmove "$simulator_window" 0 0 windowactivate "$main_window"
+    wait_until 10 "the launcher in front of the simulator" launcher_in_front
+    still_window=$main_window # the simulator's picture never stands still
+    choose_version 1
+    press_run
+    wait_until 60 "the installation to wait for the simulator" \
+        log_says 'installVersion 1\.1\.0: waiting for bin/sample-simulator'
+    settle
+    shot update-in-flight
+    [ "$(shown_stage)" = applying ] || fail "the bar does not tell that changes are applied"
+    installed_is 1.0.0 || fail "another version was installed below the running simulator"
+    no_dialog || fail "the installation did not wait"
+    end_simulator
+    still_window=root
+    expect_installed 1.1.0
+}
+
 step_update() {
     say "Updating to 1.2.0"
     choose_version 0
@@ -118,7 +156,7 @@ step_close_while_installing() {
     say "Closing the window while 1.1.0 is being installed"
     choose_version 1
     press_run
-    wait_until 30 "half of the download" half_has_arrived
+    wait_until 30 "half of the new files" half_is_staged
     halted_shot interrupted
     step_close
     installed_is 1.2.0 || fail "the old version is no longer the installed one"
@@ -126,20 +164,18 @@ step_close_while_installing() {
 
 step_resume() {
     say "Starting again: 1.2.0 is still installed; the installation of 1.1.0 goes on"
-    local fewest now deadline=$((SECONDS + 300))
-    fewest=$(downloaded_bytes)
+    local first again
+    first=$(bytes_to_fetch 1.1.0)
     launcher_start "$folder"
     shot restarted
     choose_version 1
     press_run
     halted_shot resumed
-    until installation_ended >/dev/null; do
-        [ $SECONDS -lt $deadline ] || fail "the installation does not end"
-        now=$(downloaded_bytes)
-        [ "${now:-$fewest}" -ge "$fewest" ] || fewest=$now
-    done
-    # The frame that was cut short is fetched again, no more.
-    [ "$fewest" -gt 6000000 ] || fail "only $fewest bytes of the interrupted download were used"
+    wait_until 300 "the installation to end" installation_ended
+    again=$(bytes_to_fetch 1.1.0)
+    # What was fetched for the files that are there already is not fetched again.
+    [ "$again" -lt $((first - 6000000)) ] ||
+        fail "$again of $first bytes were fetched after the interruption"
     expect_installed 1.1.0
     start_simulator 1.1.0
 }

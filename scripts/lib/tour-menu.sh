@@ -49,14 +49,14 @@ close_menu() {
 setting() { sed -n "s/\r$//;s/^$1=//p" "$folder/config.ini"; }
 setting_is() { [ "$(setting "$1")" = "$2" ]; }
 
-simulator_folder() { find "$folder/versions" -mindepth 1 -maxdepth 1 -type d; }
+simulator_is_gone() { [ ! -e "$folder/simulator" ]; }
 
 step_settings() {
     say "Opening the settings: size and folder of the installed simulator"
     local bytes
     open_page settings
     shot settings
-    bytes=$(find "$(simulator_folder)" -type f -printf '%s\n' |
+    bytes=$(find "$folder/simulator" -type f -printf '%s\n' |
         awk '{ sum += $1 } END { print sum }')
     setting_is installationSize "$bytes" ||
         fail "config.ini has the size $(setting installationSize), the folder $bytes"
@@ -77,8 +77,8 @@ step_check_whole() {
 step_check_damaged() {
     say "Damaging a file of the simulator and checking again: the damage is reported"
     local file name
-    file=$(find "$(simulator_folder)" -type f ! -path '*/bin/*' -size +100k | sort | head -n 1)
-    name=${file#"$(simulator_folder)/"}
+    file=$(find "$folder/simulator" -type f ! -path '*/bin/*' -size +100k | sort | head -n 1)
+    name=${file#"$folder/simulator/"}
     say "Damaging $name"
     chmod u+w "$file"
     printf 'damaged' | dd of="$file" bs=1 seek=50000 conv=notrunc status=none
@@ -153,7 +153,7 @@ step_remove_declined() {
     press_orange "$(dialog)" 2
     wait_until 10 "the question to close" no_dialog
     installed_is 1.1.0 || fail "the simulator was removed"
-    [ -d "$(simulator_folder)" ] || fail "the simulator's files were removed"
+    [ -d "$folder/simulator" ] || fail "the simulator's files were removed"
     close_menu
 }
 
@@ -165,7 +165,7 @@ step_remove() {
     wait_until 30 "the removal in the log" log_says 'removeVersion 1.1.0: removed'
     wait_until 10 "installationSize=0 in config.ini" setting_is installationSize 0
     [ -z "$(installed_version)" ] || fail "installed.json still names $(installed_version)"
-    [ -z "$(simulator_folder)" ] || fail "the files are still there"
+    wait_until 30 "the simulator's folder to go" simulator_is_gone
     settle
     shot removed-settings
     close_menu

@@ -22,6 +22,13 @@ stage_of() {
     esac
 }
 
+shown_stage() { # the one that the main window tells right now
+    geometry "$main_window"
+    stage_of "$(import -silent -window "$main_window" ppm:- |
+        picture - -crop "$(area_of "${stage_text[@]}")" +repage -fuzz 20% -trim -format '%w' info: \
+            2>/dev/null)"
+}
+
 # Watches an installation frame by frame: the launcher is halted for every picture, like a slow
 # machine, so that short stages are seen too. Keeps one frame of each stage.
 watch_installation() {
