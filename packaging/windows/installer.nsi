@@ -20,7 +20,7 @@ SetCompressor /SOLID lzma
 Name "Varnel Simulator"
 OutFile "${OUTPUT}"
 BrandingText " "
-; The launcher installs versions beside itself: its folder has to be the user's own.
+; The launcher installs the simulator beside itself: its folder has to be the user's own.
 !define USUAL_FOLDER "$LOCALAPPDATA\Programs\Varnel Simulator"
 InstallDir "${USUAL_FOLDER}"
 InstallDirRegKey HKCU "${UNINSTALL_KEY}" "InstallLocation"
@@ -54,18 +54,20 @@ LangString TooOld ${LANG_ENGLISH} "Varnel Simulator needs Windows 10 or newer."
 LangString TooOld ${LANG_RUSSIAN} "Для Varnel Simulator нужна Windows 10 или новее."
 LangString Running ${LANG_ENGLISH} "Varnel Simulator is running. Close it and try again."
 LangString Running ${LANG_RUSSIAN} "Varnel Simulator запущен. Закройте его и повторите попытку."
-LangString SimulatorRunning ${LANG_ENGLISH} "Files of the installed version are in use. Close the \
-simulator and everything that shows its folder, and try again."
-LangString SimulatorRunning ${LANG_RUSSIAN} "Файлы установленной версии используются. Закройте \
-симулятор и всё, что показывает его папку, и повторите попытку."
+LangString SimulatorRunning ${LANG_ENGLISH} "Files in $INSTDIR\simulator are in use. Close the \
+simulator and everything that shows this folder, and try again."
+LangString SimulatorRunning ${LANG_RUSSIAN} "Файлы в папке $INSTDIR\simulator используются. Закройте \
+симулятор и всё, что показывает эту папку, и повторите попытку."
 LangString NotEmpty ${LANG_ENGLISH} "The folder $INSTDIR is not empty. Choose a new or an empty one."
 LangString NotEmpty ${LANG_RUSSIAN} "Папка $INSTDIR не пуста. Выберите новую или пустую папку."
 LangString OldStays ${LANG_ENGLISH} "The previous version of the launcher could not be removed."
 LangString OldStays ${LANG_RUSSIAN} "Не удалось удалить предыдущую версию программы запуска."
-LangString RemoveData ${LANG_ENGLISH} "Also remove the installed version of the simulator, with the \
-files you saved in its folder, and the settings?$\n$\nIf you answer No, they stay in $INSTDIR."
-LangString RemoveData ${LANG_RUSSIAN} "Удалить также установленную версию симулятора вместе с \
-файлами, сохранёнными в её папке, и настройки?$\n$\nЕсли ответить «Нет», они останутся в папке $INSTDIR."
+LangString RemoveData ${LANG_ENGLISH} "Also remove the installed simulator and the settings?$\n$\n\
+If you answer Yes, the folder $INSTDIR\simulator is removed with everything in it, your own files such \
+as recordings included.$\n$\nIf you answer No, all of this stays in $INSTDIR."
+LangString RemoveData ${LANG_RUSSIAN} "Удалить также установленный симулятор и настройки?$\n$\n\
+Если ответить «Да», папка $INSTDIR\simulator будет удалена со всем содержимым, включая ваши \
+собственные файлы, например записи полётов.$\n$\nЕсли ответить «Нет», всё это останется в папке $INSTDIR."
 LangString DataStays ${LANG_ENGLISH} "Some files could not be removed; they are left in $INSTDIR."
 LangString DataStays ${LANG_RUSSIAN} "Некоторые файлы не удалось удалить; они остались в папке $INSTDIR."
 
@@ -123,7 +125,7 @@ Section
   Call RefuseForeignFolder ; a silent installation has no pages
   !insertmacro RefuseWhileRunning
   ReadRegStr $5 HKCU "${UNINSTALL_KEY}" "ConfigTime"
-  ; An older version takes away what it brought; vl.json, settings and versions stay.
+  ; An older version takes away what it brought; vl.json, settings and simulator stay.
   ${If} ${FileExists} "$INSTDIR\uninstall.exe"
     ExecWait '"$INSTDIR\uninstall.exe" /S _?=$INSTDIR' $0
     ${If} $0 != 0
@@ -194,7 +196,8 @@ FunctionEnd
 
 Section "Uninstall"
   !insertmacro RefuseWhileRunning
-  ; What the launcher made is the user's. Where nobody can be asked it stays.
+  ; What the launcher made is the user's, and only its update library can tell the simulator's files
+  ; from the user's own. Where nobody can be asked all of it stays.
   StrCpy $6 keep
   MessageBox MB_YESNO|MB_ICONQUESTION|MB_DEFBUTTON2 "$(RemoveData)" /SD IDNO IDNO chosen
   StrCpy $6 remove
@@ -204,11 +207,11 @@ Section "Uninstall"
       Call un.RemoveTree
     ${EndIf}
   !macroend
-  !insertmacro RemoveFolder "versions.removed"
+  !insertmacro RemoveFolder "simulator.removed"
   ; All or nothing: a folder in which a program runs cannot be renamed.
-  ${DoWhile} ${FileExists} "$INSTDIR\versions\*"
+  ${DoWhile} ${FileExists} "$INSTDIR\simulator\*"
     ClearErrors
-    Rename "$INSTDIR\versions" "$INSTDIR\versions.removed"
+    Rename "$INSTDIR\simulator" "$INSTDIR\simulator.removed"
     ${If} ${Errors}
     ${AndIf} ${Cmd} `MessageBox MB_RETRYCANCEL|MB_ICONEXCLAMATION "$(SimulatorRunning)" IDCANCEL`
       SetErrorLevel 2
@@ -227,18 +230,20 @@ chosen:
   ${EndIf}
 
   ${If} $6 == remove
-    !insertmacro RemoveFolder "versions.removed"
-    !insertmacro RemoveFolder "downloads"
+    !insertmacro RemoveFolder "simulator.removed"
+    !insertmacro RemoveFolder "simulator.vl"
     !insertmacro RemoveFolder "catalogue"
     !insertmacro RemoveFolder "manifests"
     Delete "$INSTDIR\config.ini"
     Delete "$INSTDIR\current.log"
     Delete "$INSTDIR\descriptions.json"
     Delete "$INSTDIR\installed.json"
-    Delete "$INSTDIR\journal.json"
+    Delete "$INSTDIR\removed.json"
+    Delete "$INSTDIR\switch.json"
+    Delete "$INSTDIR\.*.vl-tmp"
     Delete "$INSTDIR\vl.lock"
     Delete "$INSTDIR\vl.json"
-    ${If} ${FileExists} "$INSTDIR\versions.removed\*"
+    ${If} ${FileExists} "$INSTDIR\simulator.removed\*"
     ${OrIf} ${FileExists} "$INSTDIR\vl.json"
       MessageBox MB_OK|MB_ICONEXCLAMATION "$(DataStays)" /SD IDOK
     ${EndIf}
