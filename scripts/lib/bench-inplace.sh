@@ -15,7 +15,7 @@ make_versions() {
     "$bin/bench_maketree" "$2" "$versions/old"
     cp -a "$versions/old" "$versions/new"
     "${@:3}" "$versions/new"
-    executable=$(cd "$versions/old" && find . -type f -printf '%P\n' | LC_ALL=C sort | head -n 1)
+    executable=$(cd "$versions/old" && find . -type f -printf '%P\n' | LC_ALL=C sort | sed -n 1p)
     publish "$versions/old" "$versions/repository" "$executable" >"$work/output"
     publish_next "$versions/new" "$versions/repository" "$executable" >"$work/output"
     touch "$versions/published"
