@@ -5,6 +5,7 @@
 #include "vl/src/operation/workers.h"
 #include "vl/src/platform/file.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -12,8 +13,9 @@
 
 namespace vl {
 
-/// Closes written files on threads of its own: a virus scanner reads each new file before the call
-/// that closes it returns, and thousands of small files would wait for it one by one.
+/// Closes written files. Where that takes long, it is done on threads of its own: a virus scanner
+/// reads each new file before the call that closes it returns, and thousands of small files would
+/// wait for it one by one.
 class FileFinisher final
 {
 public:
@@ -30,8 +32,12 @@ public:
 
 private:
     Expected<void> work(const std::stop_token& stop);
+    Expected<void> close(File& file);
+    bool isSlow() const;
 
-    std::mutex m_mutex;
+    std::atomic<std::uint64_t> m_closed{0};
+    std::atomic<std::uint64_t> m_closedSlowly{0};
+    std::mutex m_mutex; ///< of what follows
     std::condition_variable_any m_changed;
     std::deque<File> m_files;
     bool m_ended = false;
