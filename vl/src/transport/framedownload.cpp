@@ -54,28 +54,28 @@ std::vector<Job> jobsOf(const FrameFile& file, const std::vector<FrameChain>& ch
     return jobs;
 }
 
-std::size_t transfersFor(const FrameFile& file, const std::vector<FrameChain>& chains,
-                         std::size_t jobs)
+std::uint64_t largestFrame(const FrameFile& file, const std::vector<FrameChain>& chains)
 {
     std::uint64_t largest = 1;
     for (const FrameChain& chain : chains)
         for (const std::size_t frame : chain)
             largest = std::max(largest, file.frames[frame].size);
-    const auto bounded = static_cast<std::size_t>(
-        std::clamp<std::uint64_t>(bytesOnTheWay / largest, 1, maxTransfers));
-    return std::min(bounded, jobs);
+    return largest;
 }
 
 /// Fetches stretches over one connection, one after the other.
 class Transfer final
 {
 public:
-    /// `take`: takes a verified frame. `stop`: asked for when another transfer has failed.
-    Transfer(const FrameFile& file, Source& source, Operation& operation, std::stop_token stop,
+    /// `largest`: bytes of the largest frame. `take`: takes a verified frame. `stop`: asked for
+    /// when another transfer has failed.
+    Transfer(const FrameFile& file, std::uint64_t largest, Source& source, Operation& operation,
+             std::stop_token stop,
              std::function<Expected<void>(std::size_t, std::span<const std::byte>)> take)
         : m_file(file), m_source(source), m_operation(operation), m_stop(std::move(stop)),
           m_take(std::move(take))
     {
+        m_bytes.reserve(static_cast<std::size_t>(largest)); // once: pieces of memory add up
     }
 
     Expected<void> fetch(const Stretch& stretch);
@@ -131,8 +131,6 @@ Expected<void> Transfer::receive(std::span<const std::byte> bytes)
     while (!bytes.empty()) {
         if (m_stop.stop_requested())
             return tl::unexpected(endedByCaller()); // hidden behind the failure that asked for it
-        if (m_bytes.empty())
-            m_bytes.reserve(static_cast<std::size_t>(frame().size));
         const std::uint64_t missing = frame().size - m_bytes.size();
         const std::span piece =
             bytes.first(static_cast<std::size_t>(std::min<std::uint64_t>(missing, bytes.size())));
@@ -178,13 +176,16 @@ Expected<void> downloadFrames(const OpenSource& openSource, const FrameFile& fil
         return {};
     std::atomic<std::size_t> nextJob{0};
     std::atomic<std::size_t> nextTransfer{0};
-    const std::size_t transfers = transfersFor(file, chains, jobs.size());
+    const std::uint64_t largest = largestFrame(file, chains);
+    const auto bounded = static_cast<std::size_t>(
+        std::clamp<std::uint64_t>(bytesOnTheWay / largest, 1, maxTransfers));
+    const std::size_t transfers = std::min(bounded, jobs.size());
     Workers workers(transfers, [&](const std::stop_token& stop) -> Expected<void> {
         const std::size_t number = nextTransfer++;
         auto source = openSource(transfers);
         if (!source)
             return tl::unexpected(std::move(source).error());
-        Transfer transfer(file, **source, operation, stop,
+        Transfer transfer(file, largest, **source, operation, stop,
                           [&sink, number](std::size_t frame, std::span<const std::byte> bytes) {
                               return sink(number, frame, bytes);
                           });
