@@ -53,11 +53,11 @@ Expected<std::vector<HashResult>> hashFiles(const Folder& top, const std::vector
     // The large ones first: one that is begun last would keep one processor busy alone.
     std::vector<std::size_t> order(jobs.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
-    const auto small = std::ranges::stable_partition(
-        order, [&](std::size_t job) { return jobs[job].size >= largeFile; });
-    std::sort(order.begin(), small.begin(),
+    const auto small = std::stable_partition(
+        order.begin(), order.end(), [&](std::size_t job) { return jobs[job].size >= largeFile; });
+    std::sort(order.begin(), small,
               [&](std::size_t a, std::size_t b) { return jobs[a].size > jobs[b].size; });
-    const auto largeCount = static_cast<std::size_t>(small.begin() - order.begin());
+    const auto largeCount = static_cast<std::size_t>(small - order.begin());
 
     std::vector<HashResult> results(jobs.size());
     if (jobs.empty())

@@ -197,14 +197,12 @@ std::optional<std::vector<FileNumber>> readNumbers(const std::string& text, File
     const char* const end = text.data() + text.size();
     for (const char* at = text.data(); at != end;) {
         FileNumber first = 0;
-        auto [next, error] = std::from_chars(at, end, first);
+        auto read = std::from_chars(at, end, first);
         FileNumber last = first;
-        if (error == std::errc() && next != end && *next == '-')
-            std::tie(next, error) = [&] {
-                const auto result = std::from_chars(next + 1, end, last);
-                return std::pair(result.ptr, result.ec);
-            }();
-        if (error != std::errc() || last < first || last >= limit ||
+        if (read.ec == std::errc() && read.ptr != end && *read.ptr == '-')
+            read = std::from_chars(read.ptr + 1, end, last);
+        const char* const next = read.ptr;
+        if (read.ec != std::errc() || last < first || last >= limit ||
             numbers.size() + (last - first) >= limit)
             return std::nullopt;
         for (FileNumber number = first; number <= last; ++number)

@@ -4,6 +4,7 @@
 #include "vl/src/platform/file.h"
 
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <string_view>
 #include <unordered_set>
@@ -188,10 +189,10 @@ private:
         const auto isProgram = [&names](const Manifest& manifest) {
             return [&](FileNumber number) { return names.contains(manifest.files[number].path); };
         };
-        std::ranges::stable_partition(m_plan.in, std::not_fn(isProgram(m_target)));
+        std::stable_partition(m_plan.in.begin(), m_plan.in.end(), std::not_fn(isProgram(m_target)));
         if (m_base == nullptr)
             return;
-        std::ranges::stable_partition(m_plan.out, isProgram(*m_base));
+        std::stable_partition(m_plan.out.begin(), m_plan.out.end(), isProgram(*m_base));
         for (FileNumber number = 0; number < m_base->files.size(); ++number) {
             const ListedEntry* listed =
                 isProgram(*m_base)(number) ? m_listing.find(m_base->files[number].path) : nullptr;

@@ -3,13 +3,13 @@
 #include "vl/src/error.h"
 #include "vl/src/platform/file.h"
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vl {
@@ -24,7 +24,11 @@ struct FileId
     std::uint64_t volume = 0;
     std::uint64_t number = 0;
 
-    auto operator<=>(const FileId&) const = default;
+    bool operator==(const FileId&) const = default;
+    bool operator<(const FileId& other) const
+    {
+        return std::pair(volume, number) < std::pair(other.volume, other.number);
+    }
 };
 
 struct FolderEntry
