@@ -173,7 +173,7 @@ step_resume() {
     halted_shot resumed
     wait_until 300 "the installation to end" installation_ended
     again=$(bytes_to_fetch 1.1.0)
-    # What was fetched for the files that are there already is not fetched again.
+    # Files that are staged already are not fetched again.
     [ "$again" -lt $((first - 6000000)) ] ||
         fail "$again of $first bytes were fetched after the interruption"
     expect_installed 1.1.0

@@ -120,7 +120,7 @@ private Q_SLOTS:
     void readersDuringSwitches();
 
 private:
-    /// What a change begins with.
+    /// The root that a change begins with.
     struct Start
     {
         std::unique_ptr<Root> root;
@@ -201,7 +201,7 @@ InstallFaultTest::Start InstallFaultTest::interrupted(int renames, int undone) c
     return start;
 }
 
-// What breaks the promise after a change, finished or not. Damage may still be there.
+// The fault after a change, finished or not; empty if none. Damage may still be there.
 QString InstallFaultTest::faultOf(const Root& root, const Start& start,
                                   const std::string& change) const
 {

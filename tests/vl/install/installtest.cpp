@@ -18,7 +18,7 @@ using vlupd::VLUPD;
 
 namespace {
 
-/// What happens to a version's folder.
+/// A change of a version's folder.
 using Change = std::function<void(const fs::path&)>;
 /// What checkFiles answers and logs after a change, below a subfolder.
 using Damage = std::tuple<int, const char*, Change, const char*>;
@@ -205,7 +205,7 @@ void InstallTest::callbacksThatEndIt()
     QCOMPARE(recorder.reports.back().stage, stage);
     QCOMPARE(promiseFault(it.root, *m_releases, {"1.0.0"}), QString());
 
-    // What has been fetched is there: the repository need not have it any more.
+    // Everything fetched is staged: the repository need not have it any more.
     const fs::path packs = m_releases->folder() / "packs";
     const fs::path hidden = m_releases->folder() / "hidden";
     if (stage > 0)

@@ -20,7 +20,7 @@ using vlupd::VLUPD;
 
 namespace {
 
-/// What lies below a root: contents by path, folders with a "/" at the end.
+/// Everything below a root: contents by path, folders with a "/" at the end.
 using Tree = std::map<std::string, std::string>;
 
 /// Follows the file operations of one root and works out what a power cut before each of them could
@@ -126,7 +126,7 @@ void PowerCuts::note(const fs::path& from, const fs::path& to)
 Tree PowerCuts::tree() const
 {
     Tree tree;
-    // What vanishes meanwhile is left out: other threads are at work while files are staged.
+    // Entries that vanish meanwhile are left out: other threads stage files.
     std::error_code gone;
     for (const auto& entry : fs::recursive_directory_iterator(m_root, gone)) {
         const std::string name = nameOf(entry.path());

@@ -16,7 +16,7 @@ using vlupd::VLUPD;
 
 namespace {
 
-/// What happens to a root or a version's folder.
+/// A change of a root or a version's folder.
 using Change = std::function<void(const fs::path&)>;
 
 const Files oldFiles{{"bin/simulator", "the simulator"},
